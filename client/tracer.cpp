@@ -1,0 +1,35 @@
+#include "client/tracer.h"
+
+#include <mutex>
+
+namespace {
+std::mutex gMutex;
+std::vector<TracerCall> gCalls;
+
+void Record(TracerCall call) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gCalls.push_back(std::move(call));
+}
+}  // namespace
+
+int Tracer::post(const std::string& content, const std::string& module) {
+  Record({"post", {content, module}});
+  return 0;
+}
+
+int Tracer::traceRaw(const std::string& content, const std::string& module,
+                     const std::string& traceId, const std::string& spanId,
+                     const std::string& event, const std::string& parentSpan) {
+  Record({"traceRaw", {content, module, traceId, spanId, event, parentSpan}});
+  return 0;
+}
+
+std::vector<TracerCall> TracerRecordedCalls() {
+  std::lock_guard<std::mutex> lock(gMutex);
+  return gCalls;
+}
+
+void TracerClearRecordedCalls() {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gCalls.clear();
+}

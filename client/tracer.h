@@ -1,0 +1,25 @@
+// Stand-in for the client's closed tracing library. Each call is recorded,
+// with all its arguments in order, so that tests and the demo can read back
+// what reached the tracing library.
+#pragma once
+
+#include <string>
+#include <vector>
+
+class Tracer {
+ public:
+  static int post(const std::string& content, const std::string& module);
+  static int traceRaw(const std::string& content, const std::string& module,
+                      const std::string& traceId, const std::string& spanId,
+                      const std::string& event, const std::string& parentSpan);
+};
+
+// One recorded call: `function` is "post" or "traceRaw", `args` its arguments in order.
+struct TracerCall {
+  std::string function;
+  std::vector<std::string> args;
+};
+
+// Test access to the stand-in (thread-safe).
+std::vector<TracerCall> TracerRecordedCalls();
+void TracerClearRecordedCalls();

@@ -1,0 +1,21 @@
+// Uses the installed headers and library the way a client process does.
+#include <cstdio>
+#include <memory>
+
+#include "utils/looper.h"
+#include "utils/process_info.h"
+#include "utils/worker.h"
+#include "utils/zel_env.h"
+
+int main() {
+  zel::Looper looper;
+  if (looper.Start() != 0) return 1;
+  zel::Worker worker(&looper);
+  int ran = 0;
+  worker.DoSync([&ran] { ran = 1; });
+  looper.Stop();
+  zel::ZelEnv::zel_set_env("consumer", "yes");
+  std::printf("consumer: ran=%d env=%s process=%s\n", ran,
+              zel::ZelEnv::zel_get_env("consumer").c_str(), get_process_name().c_str());
+  return ran == 1 && zel::ZelEnv::zel_get_env("consumer") == "yes" ? 0 : 1;
+}

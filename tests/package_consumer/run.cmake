@@ -1,0 +1,30 @@
+# Installs the build tree into a scratch prefix, builds the consumer project
+# against it (CMake package and pkg-config file), and runs what it built.
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+
+function(run_step)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "step failed (${result}): ${ARGN}")
+  endif()
+endfunction()
+
+run_step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+run_step(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE} -B ${WORK_DIR}/build
+         -DCMAKE_PREFIX_PATH=${prefix})
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run_step(${WORK_DIR}/build/consumer)
+
+# The pkg-config file must describe the same install: build the consumer
+# again with nothing but its flags.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+execute_process(COMMAND pkg-config --cflags --libs zel_utils
+                OUTPUT_VARIABLE flags RESULT_VARIABLE result OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know zel_utils")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run_step(c++ -std=c++17 ${CONSUMER_SOURCE}/main.cpp ${flags} -pthread
+         -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer_pc)
+run_step(${WORK_DIR}/consumer_pc)

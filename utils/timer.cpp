@@ -1,0 +1,94 @@
+#include "utils/timer.h"
+
+namespace zel {
+
+namespace {
+
+// Taken when the library is loaded.
+const std::chrono::steady_clock::time_point base_clock = std::chrono::steady_clock::now();
+
+bool DueEarlier(const TimerMsg& a, const TimerMsg& b) { return a.due < b.due; }
+
+}  // namespace
+
+long long TimerNowMs() {
+  using namespace std::chrono;
+  return duration_cast<nanoseconds>(steady_clock::now() - base_clock).count() / 1000000;
+}
+
+Timer::Timer() : created(std::chrono::steady_clock::now()) {
+  thread = std::make_unique<std::thread>(&Timer::Run, this);
+}
+
+Timer::~Timer() {
+  quit = true;
+  thread->join();
+  std::lock_guard<std::mutex> lock(mutex);
+}
+
+unsigned long long Timer::Start(long long interval_ms,
+                                const std::function<void(unsigned long long, void*)>& callback,
+                                bool repeat, void* user_data) {
+  TimerMsg record;
+  record.interval = interval_ms;
+  record.due = TimerNowMs() + interval_ms;
+  record.callback = callback;
+  record.repeat = repeat;
+  record.user_data = user_data;
+
+  std::lock_guard<std::mutex> lock(mutex);
+  record.id = next_id++;
+  const unsigned long long id = record.id;
+  InsertSorted(std::move(record));
+  return id;
+}
+
+void Timer::Stop(unsigned long long id) {
+  std::lock_guard<std::mutex> lock(mutex);
+  for (auto it = timers.begin(); it != timers.end(); ++it) {
+    if (it->id == id) {
+      timers.erase(it);
+      return;
+    }
+  }
+}
+
+// Caller holds the mutex. std::list::sort is stable: equal due times keep
+// their starting order.
+void Timer::InsertSorted(TimerMsg record) {
+  timers.push_back(std::move(record));
+  timers.sort(DueEarlier);
+}
+
+// Caller holds the mutex. Takes every timer due strictly before now; a
+// repeating one goes back in, re-armed from now.
+std::list<TimerMsg> Timer::CollectDue() {
+  std::list<TimerMsg> fired;
+  while (!timers.empty() && timers.front().due < TimerNowMs()) {
+    fired.push_back(timers.front());
+    timers.pop_front();
+    if (fired.back().repeat) {
+      TimerMsg again = fired.back();
+      again.due = TimerNowMs() + again.interval;
+      InsertSorted(std::move(again));
+    }
+  }
+  return fired;
+}
+
+void Timer::Run() {
+  while (!quit) {
+    std::list<TimerMsg> fired;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      fired = CollectDue();
+    }
+    while (!fired.empty()) {
+      fired.front().callback(fired.front().id, fired.front().user_data);
+      fired.pop_front();
+    }
+    std::this_thread::sleep_for(std::chrono::nanoseconds(100000000));
+  }
+}
+
+}  // namespace zel

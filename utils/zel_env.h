@@ -1,0 +1,20 @@
+// ZelEnv: a process-wide table of named settings shared by every user of the
+// library (the tracer reads "desktopId" and "imageVersion" from it). It is not
+// the operating-system environment and starts empty. Thread-safe.
+#pragma once
+
+#include <string>
+
+#include "utils/export.h"
+
+namespace zel {
+
+class ZEL_API ZelEnv {
+ public:
+  // The value stored under `name`, or "" when there is none.
+  static std::string zel_get_env(std::string name);
+  // Stores `value` under `name`, replacing any earlier value; returns 0.
+  static int zel_set_env(const std::string& name, const std::string& value);
+};
+
+}  // namespace zel
