@@ -1,0 +1,52 @@
+// The client's settings file ("/Users/<login>/client_config.ini", sections
+// and name=value lines) and the client's application folders.
+//
+// The key store is plain line processing with fixed buffers and its own
+// matching rules (see GetKeyString). No locking: callers serialise writes.
+#pragma once
+
+#include <string>
+
+#include "utils/export.h"
+
+#if defined(__clang__)
+#pragma clang diagnostic push
+// GetAppRootPath/GetAppDataPath have C linkage but return std::string.
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The settings path in a malloc'ed string (caller frees); NULL if allocation fails.
+ZEL_API char* GetConfigFilePath(void);
+// The value of `key` in `section` (at most 31 characters) in a malloc'ed
+// block the caller frees: "" when the file cannot be read or the key is not
+// found, NULL only when allocation fails. A line name=value matches when its
+// name equals the first characters of `key`; once the section header was seen
+// every later section is searched too.
+ZEL_API char* GetKeyString(const char* section, const char* key);
+// atoi of GetKeyString; 0 when the value is missing or empty.
+ZEL_API int GetKeyInt(const char* section, const char* key);
+// Replaces the value of the first matching existing key, through a temporary
+// file renamed over the settings file. Returns rename's result (0 even when
+// nothing matched), -2 when the file cannot be read, -1 when the temporary
+// file cannot be created.
+ZEL_API int PutKeyString(const char* section, const char* key, const char* value);
+// PutKeyString with `value` written as "%d".
+ZEL_API int PutKeyInt(const char* section, const char* key, int value);
+// The client's application folder: ".../orvane/" for an ordinary user, and
+// for root the folder of the user running "orvane", without the trailing "/".
+// "" when that user cannot be found. Creates nothing of its own.
+ZEL_API std::string GetAppRootPath();
+// The log folder inside it: ".../orvane/log/"; "" as GetAppRootPath.
+ZEL_API std::string GetAppDataPath();
+
+#ifdef __cplusplus
+}
+#endif
+
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
