@@ -4,17 +4,571 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "support/diag_capture.h"
+#include "utils/timer.h"
 
 namespace {
 
-TEST(Looper, StartTwiceReturnsMinusOne) {
+using Clock = std::chrono::steady_clock;
+
+long long MsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+long long WallMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// A one-shot gate a test opens once.
+class Gate {
+ public:
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    cond_.notify_all();
+  }
+  bool WaitFor(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, limit, [this] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool open_ = false;
+};
+
+// Records runs and destructions, so a test can tell run/dropped/leaked apart.
+struct Tally {
+  std::atomic<int> runs{0};
+  std::atomic<int> destroyed{0};
+};
+
+class CountingMessage : public zel::Message {
+ public:
+  CountingMessage(Tally* tally, std::function<void()> body = {}) : tally_(tally), body_(std::move(body)) {}
+  ~CountingMessage() override { ++tally_->destroyed; }
+  void Run() override {
+    ++tally_->runs;
+    if (body_) body_();
+  }
+
+ private:
+  Tally* tally_;
+  std::function<void()> body_;
+};
+
+std::unique_ptr<zel::Message> Counting(Tally* tally, std::function<void()> body = {}) {
+  return std::make_unique<CountingMessage>(tally, std::move(body));
+}
+
+// Runs `fn` on the loop and waits until it has run.
+void RunOnLoop(zel::Looper& looper, std::function<void()> fn) {
+  Gate done;
+  Tally tally;
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    fn();
+    done.Open();
+  })));
+  ASSERT_TRUE(done.WaitFor(std::chrono::seconds(10)));
+}
+
+struct Record {
+  explicit Record(std::atomic<int>* freed) : freed(freed) {}
+  ~Record() { ++*freed; }
+  std::atomic<int>* freed;
+};
+
+// ---- messages ----
+
+TEST(HandlerMessage, RefusedByStoppedLooperStillFreesItsRecordOnce) {
+  std::atomic<int> freed{0};
+  std::atomic<int> handled{0};
+  zel::Looper looper;
+  auto msg = std::make_unique<zel::HandlerMessage<Record>>(new Record(&freed),
+                                                           [&](Record*) { ++handled; });
+  EXPECT_EQ(-1, looper.PostMessageAAA(std::move(msg)));
+  EXPECT_EQ(1, freed.load());
+  EXPECT_EQ(0, handled.load());
+}
+
+TEST(HandlerMessage, RunHandsTheRecordToTheHandlerThenFreesItWithTheMessage) {
+  std::atomic<int> freed{0};
+  Record* seen = nullptr;
+  auto* record = new Record(&freed);
+  {
+    zel::HandlerMessage<Record> msg(record, [&](Record* r) { seen = r; });
+    EXPECT_EQ(-1, msg.when);
+    msg.Run();
+    EXPECT_EQ(record, seen);
+    EXPECT_EQ(0, freed.load());
+  }
+  EXPECT_EQ(1, freed.load());
+}
+
+TEST(HandlerMessage, HandlerIsDestroyedBeforeTheRecord) {
+  std::atomic<int> freed{0};
+  int freedWhenHandlerDied = -1;
+  struct OnDestroy {
+    std::function<void()> fn;
+    ~OnDestroy() { fn(); }
+  };
+  auto witness = std::make_shared<OnDestroy>();
+  witness->fn = [&] { freedWhenHandlerDied = freed.load(); };
+  {
+    zel::HandlerMessage<Record> msg(new Record(&freed), [witness](Record*) {});
+    witness.reset();
+  }
+  EXPECT_EQ(0, freedWhenHandlerDied);
+  EXPECT_EQ(1, freed.load());
+}
+
+TEST(HandlerMessage, EmptyFunctionIsAcceptedAndThrowsOnlyWhenRun) {
+  std::atomic<int> freed{0};
+  zel::HandlerMessage<Record> msg(new Record(&freed), std::function<void(Record*)>());
+  EXPECT_FALSE(static_cast<bool>(msg.handler));
+  EXPECT_THROW(msg.Run(), std::bad_function_call);
+}
+
+TEST(HandlerMessage, EmptyFunctionIsPostedNormally) {
+  std::atomic<int> freed{0};
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Tally blocker;
+  // A far-off message at the head keeps the loop from ever running the next one.
+  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&blocker), 60000));
+  auto msg = std::make_unique<zel::HandlerMessage<Record>>(new Record(&freed),
+                                                           std::function<void(Record*)>());
+  EXPECT_EQ(0, looper.PostMessageAAA(std::move(msg)));
+  EXPECT_EQ(0, looper.Stop());
+  EXPECT_EQ(0, freed.load());  // still queued
+}
+
+TEST(HandlerMessageDeathTest, EmptyFunctionThrowingOnTheLoopThreadEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        zel::Looper looper;
+        looper.Start();
+        std::atomic<int> freed{0};
+        looper.PostMessageAAA(std::make_unique<zel::HandlerMessage<Record>>(
+            new Record(&freed), std::function<void(Record*)>()));
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+      },
+      "");
+}
+
+TEST(InerTaskMessage, RunCallsTheFunctionOnceWithTheContextWord) {
+  static std::atomic<int> calls{0};
+  static void* seenArg = nullptr;
+  struct Fn {
+    static void Call(void* arg) {
+      ++calls;
+      seenArg = arg;
+    }
+  };
+  int context = 7;
+  zel::Callback<void (*)()> cb;
+  cb.arg = &context;
+  cb.func = reinterpret_cast<void (*)()>(&Fn::Call);
+  zel::InerTaskMessage msg(cb);
+  EXPECT_EQ(-1, msg.when);
+  msg.Run();
+  EXPECT_EQ(1, calls.load());
+  EXPECT_EQ(&context, seenArg);
+}
+
+TEST(TimerMsg, DefaultConstructedCallbackIsACallableNoOp) {
+  zel::TimerMsg msg;
+  ASSERT_TRUE(static_cast<bool>(msg.callback));
+  msg.callback(1, nullptr);
+}
+
+TEST(Handler, RunsPostedRecordsInOrderOnItsLoopThread) {
+  std::atomic<int> freed{0};
+  std::vector<int> order;
+  std::set<std::thread::id> threads;
+  Gate done;
+  struct Numbered : Record {
+    Numbered(std::atomic<int>* f, int n) : Record(f), n(n) {}
+    int n;
+  };
+  zel::Handler<Numbered> handler([&](Numbered* r) {
+    order.push_back(r->n);
+    threads.insert(std::this_thread::get_id());
+    if (r->n == 99) done.Open();
+  });
+  EXPECT_EQ(-1, handler.Post(new Numbered(&freed, 0)));  // not started yet
+  EXPECT_EQ(1, freed.load());
+  ASSERT_EQ(0, handler.looper->Start());
+  for (int i = 1; i <= 99; ++i) ASSERT_EQ(0, handler.Post(new Numbered(&freed, i)));
+  ASSERT_TRUE(done.WaitFor(std::chrono::seconds(10)));
+  EXPECT_EQ(0, handler.looper->Stop());
+  ASSERT_EQ(99u, order.size());
+  for (int i = 0; i < 99; ++i) EXPECT_EQ(i + 1, order[i]);
+  EXPECT_EQ(1u, threads.size());
+  EXPECT_EQ(0u, threads.count(std::this_thread::get_id()));
+  EXPECT_EQ(100, freed.load());
+}
+
+// ---- ThreadIdString ----
+
+TEST(ThreadIdString, IsTheHandleInHexadecimalWithPrefix) {
+  const std::string text = zel::ThreadIdString(pthread_self());
+  EXPECT_TRUE(std::regex_match(text, std::regex("0x[0-9a-f]+"))) << text;
+  std::thread other([&] { EXPECT_NE(text, zel::ThreadIdString(pthread_self())); });
+  other.join();
+}
+
+// ---- Start / Stop ----
+
+TEST(Looper, StartTwiceReturnsMinusOneTheSecondTime) {
   zel::Looper looper;
   EXPECT_EQ(0, looper.Start());
   EXPECT_EQ(-1, looper.Start());
   EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, StopTwicePrintsAlreadyStopedAndReturnsMinusOne) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0, looper.Stop());
+  EXPECT_EQ(-1, looper.Stop());
+  EXPECT_EQ("already stoped \n", testing::internal::GetCapturedStdout());
+}
+
+TEST(Looper, StopOnANeverStartedLooperPrintsAlreadyStoped) {
+  zel::Looper looper;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-1, looper.Stop());
+  EXPECT_EQ("already stoped \n", testing::internal::GetCapturedStdout());
+}
+
+TEST(Looper, RunsMessagesInPostingOrderOnItsOwnThread) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  std::vector<int> order;
+  std::set<std::thread::id> threads;
+  Tally tally;
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&, i] {
+      order.push_back(i);
+      threads.insert(std::this_thread::get_id());
+    })));
+  }
+  RunOnLoop(looper, [] {});
+  EXPECT_EQ(0, looper.Stop());
+  ASSERT_EQ(50u, order.size());
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(i, order[i]);
+  EXPECT_EQ(1u, threads.size());
+  EXPECT_EQ(0u, threads.count(std::this_thread::get_id()));
+  EXPECT_EQ(50, tally.destroyed.load());
+}
+
+TEST(Looper, PostStampsWhenWithTheWallClock) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  long long seenNow = 0, seenDelayed = 0;
+  // Reads its own `when` when it runs.
+  struct WhenProbe : zel::Message {
+    explicit WhenProbe(long long* out) : out(out) {}
+    void Run() override { *out = when; }
+    long long* out;
+  };
+  const long long before = WallMs();
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<WhenProbe>(&seenNow)));
+  ASSERT_EQ(0, looper.PostDelayMessage(std::make_unique<WhenProbe>(&seenDelayed), 200));
+  const long long after = WallMs();
+  RunOnLoop(looper, [] {});
+  looper.Stop();
+  EXPECT_GE(seenNow, before);
+  EXPECT_LE(seenNow, after);
+  EXPECT_GE(seenDelayed, before + 200);
+  EXPECT_LE(seenDelayed, after + 200);
+}
+
+TEST(Looper, PostFromAnotherThreadToANeverStartedLooperIsRefusedAndFreed) {
+  zel::Looper looper;
+  Tally tally;
+  EXPECT_EQ(-1, looper.PostMessageAAA(Counting(&tally)));
+  EXPECT_EQ(-1, looper.PostDelayMessage(Counting(&tally), 10));
+  EXPECT_EQ(2, tally.destroyed.load());
+  EXPECT_EQ(0, tally.runs.load());
+}
+
+TEST(Looper, PostTaskReturnsZeroEvenWhenRefused) {
+  static std::atomic<int> calls{0};
+  struct Fn {
+    static void Call() { ++calls; }
+  };
+  zel::Looper looper;
+  zel::Callback<void (*)()> cb;
+  cb.func = &Fn::Call;
+  EXPECT_EQ(0, looper.PostTask(cb));
+  EXPECT_EQ(0, looper.PostDelayTask(cb, 10));
+  ASSERT_EQ(0, looper.Start());
+  RunOnLoop(looper, [] {});
+  looper.Stop();
+  EXPECT_EQ(0, calls.load());  // both were dropped, never queued
+}
+
+TEST(Looper, PostTaskAndPostDelayTaskRunTheFunctionWithItsContextWord) {
+  static std::atomic<int> sum{0};
+  struct Fn {
+    static void Add(void* arg) { sum += *static_cast<int*>(arg); }
+  };
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  int one = 1, ten = 10;
+  zel::Callback<void (*)()> now{&one, reinterpret_cast<void (*)()>(&Fn::Add)};
+  zel::Callback<void (*)()> later{&ten, reinterpret_cast<void (*)()>(&Fn::Add)};
+  EXPECT_EQ(0, looper.PostTask(now));
+  EXPECT_EQ(0, looper.PostDelayTask(later, 50));
+  RunOnLoop(looper, [] {});
+  looper.Stop();
+  EXPECT_EQ(11, sum.load());
+}
+
+TEST(Looper, DelayedMessageHoldsBackALaterImmediateOne) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate immediateRan;
+  std::vector<std::string> order;
+  std::mutex orderMutex;
+  auto note = [&](const char* what) {
+    std::lock_guard<std::mutex> lock(orderMutex);
+    order.push_back(what);
+  };
+  Tally tally;
+  const auto start = Clock::now();
+  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally, [&] { note("delayed"); }), 5000));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    note("immediate");
+    immediateRan.Open();
+  })));
+  ASSERT_TRUE(immediateRan.WaitFor(std::chrono::seconds(15)));
+  const long long elapsed = MsSince(start);
+  looper.Stop();
+  EXPECT_GE(elapsed, 5000);
+  EXPECT_LT(elapsed, 5000 + 3000);
+  ASSERT_EQ(2u, order.size());
+  EXPECT_EQ("delayed", order[0]);
+  EXPECT_EQ("immediate", order[1]);
+}
+
+TEST(Looper, DelayedMessageOnAnIdleLoopRunsNoEarlierThanDueAndAboutASecondAfterAtMost) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  long long ranAtWall = 0;
+  Tally tally;
+  const long long postedAtWall = WallMs();
+  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally, [&] {
+    ranAtWall = WallMs();
+    ran.Open();
+  }), 300));
+  ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  looper.Stop();
+  EXPECT_GE(ranAtWall - postedAtWall, 300);
+  EXPECT_LT(ranAtWall - postedAtWall, 300 + 1000 + 1000);
+}
+
+TEST(Looper, NegativeDelayIsDueAtOnce) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  Tally tally;
+  const auto start = Clock::now();
+  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally, [&] { ran.Open(); }), -5000));
+  ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  EXPECT_LT(MsSince(start), 900);
+  looper.Stop();
+}
+
+TEST(Looper, StopThenStartRunsMessagesQueuedBeforeTheStop) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate blockerRunning, releaseBlocker;
+  Tally tally;
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    blockerRunning.Open();
+    releaseBlocker.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blockerRunning.WaitFor(std::chrono::seconds(10)));
+  // Queued behind the running blocker, never taken before the stop.
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  releaseBlocker.Open();
+  stopper.join();
+  EXPECT_EQ(1, tally.runs.load());
+  EXPECT_EQ(1, tally.destroyed.load());
+
+  ASSERT_EQ(0, looper.Start());
+  RunOnLoop(looper, [] {});
+  looper.Stop();
+  EXPECT_EQ(3, tally.runs.load());
+}
+
+TEST(Looper, MessageStoppingItsOwnLooperDetachesAndDropsTheRestOfItsBatch) {
+  zeltest::DiagCapture diag;
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate release;
+  Tally tally;
+  std::atomic<int> stopResult{99};
+  std::atomic<int> postFromLoopResult{99};
+  // Hold the loop so that the next three messages are taken as one batch.
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] { release.WaitFor(std::chrono::seconds(30)); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    stopResult = looper.Stop();
+    Tally* t = &tally;
+    postFromLoopResult = looper.PostMessageAAA(Counting(t));  // loop thread: still accepted
+  })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  release.Open();
+
+  const auto start = Clock::now();
+  while (zeltest::DiagCapture::Count("looper process exit") == 0 && MsSince(start) < 10000) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(1u, zeltest::DiagCapture::Count("looper process exit"));
+  EXPECT_EQ(0, stopResult.load());
+  EXPECT_EQ(0, postFromLoopResult.load());
+  EXPECT_EQ(2, tally.runs.load());       // the blocker and the stopping message
+  EXPECT_EQ(4, tally.destroyed.load());  // the two after it were dropped unrun
+  // The self-stop wrote no exit line and the Looper counts as stopped.
+  EXPECT_EQ(0u, zeltest::DiagCapture::Count("Looper::Stop exited"));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-1, looper.Stop());
+  EXPECT_EQ("already stoped \n", testing::internal::GetCapturedStdout());
+  // The message posted from the loop stays queued for the next start.
+  ASSERT_EQ(0, looper.Start());
+  RunOnLoop(looper, [] {});
+  looper.Stop();
+  EXPECT_EQ(3, tally.runs.load());
+}
+
+TEST(Looper, DestroyingALooperWithQueuedMessagesFreesThemUnrun) {
+  Tally tally;
+  {
+    zel::Looper looper;
+    ASSERT_EQ(0, looper.Start());
+    ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally), 60000));
+    ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+    ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  }
+  EXPECT_EQ(0, tally.runs.load());
+  EXPECT_EQ(3, tally.destroyed.load());
+}
+
+TEST(Looper, DestroyingAStoppedLooperFreesItsQueue) {
+  Tally tally;
+  {
+    zel::Looper looper;
+    ASSERT_EQ(0, looper.Start());
+    ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally), 60000));
+    ASSERT_EQ(0, looper.Stop());
+  }
+  EXPECT_EQ(0, tally.runs.load());
+  EXPECT_EQ(1, tally.destroyed.load());
+}
+
+TEST(Looper, StartAndStopWriteTheirDebugDiagnosticsWithFixedLineNumbers) {
+  zeltest::DiagCapture diag;
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  std::string loopId;
+  RunOnLoop(looper, [&] { loopId = zel::ThreadIdString(pthread_self()); });
+  ASSERT_EQ(0, looper.Stop());
+
+  std::vector<std::string> texts;
+  for (const auto& line : zeltest::DiagCapture::Lines()) {
+    EXPECT_EQ(5, line.level);
+    EXPECT_EQ("ZEL_LOG", line.tag);
+    texts.push_back(line.text);
+  }
+  const std::vector<std::string> expected = {
+      "looper.cpp process(193): \"Debug:\" \"looper process started in thread " + loopId + "\n\"",
+      "looper.cpp Stop(151): \"Debug:\" \"Looper::Stop called in thread " + loopId + "\n\"",
+      "looper.cpp process(240): \"Debug:\" \"looper process exit, threadID " + loopId + "\n\"",
+      "looper.cpp Stop(179): \"Debug:\" \"Looper::Stop exited in thread " + loopId + "\n\"",
+  };
+  EXPECT_EQ(expected, texts);
+}
+
+TEST(Looper, AnIdleLoopWakesAboutOncePerSecondAndStillStopsPromptly) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const auto start = Clock::now();
+  EXPECT_EQ(0, looper.Stop());  // notify_all wakes the wait at once
+  EXPECT_LT(MsSince(start), 900);
+}
+
+TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothing) {
+  constexpr int kPosters = 4;
+  constexpr int kMaxPerPoster = 100000;
+  constexpr int kCycles = 40;
+  std::vector<std::atomic<int>> runs(kPosters * kMaxPerPoster);
+  std::atomic<int> created{0}, destroyed{0}, accepted{0}, cycles{0};
+  struct Tracked : zel::Message {
+    Tracked(std::atomic<int>* run, std::atomic<int>* destroyed) : run(run), destroyed(destroyed) {}
+    ~Tracked() override { ++*destroyed; }
+    void Run() override { ++*run; }
+    std::atomic<int>* run;
+    std::atomic<int>* destroyed;
+  };
+  {
+    zel::Looper looper;
+    ASSERT_EQ(0, looper.Start());
+    std::thread toggler([&] {
+      for (; cycles < kCycles; ++cycles) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        looper.Stop();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        looper.Start();
+      }
+    });
+    std::vector<std::thread> posters;
+    for (int p = 0; p < kPosters; ++p) {
+      posters.emplace_back([&, p] {
+        for (int i = 0; i < kMaxPerPoster && cycles < kCycles; ++i) {
+          ++created;
+          auto& run = runs[p * kMaxPerPoster + i];
+          if (looper.PostMessageAAA(std::make_unique<Tracked>(&run, &destroyed)) == 0) ++accepted;
+        }
+      });
+    }
+    for (auto& t : posters) t.join();
+    toggler.join();
+    looper.Start();
+    RunOnLoop(looper, [] {});
+    looper.Stop();
+  }
+  int ranOnce = 0;
+  for (auto& r : runs) {
+    ASSERT_LE(r.load(), 1);
+    ranOnce += r.load();
+  }
+  EXPECT_EQ(created.load(), destroyed.load());
+  EXPECT_LE(ranOnce, accepted.load());
+  EXPECT_GT(ranOnce, 0);
+  EXPECT_GE(cycles.load(), kCycles);
 }
 
 }  // namespace

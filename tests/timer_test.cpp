@@ -1,0 +1,185 @@
+#include "utils/timer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+long long MsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+// Waits until `done` holds or `limit` passed.
+template <typename Pred>
+bool WaitUntil(Pred done, std::chrono::milliseconds limit = 10s) {
+  const auto start = Clock::now();
+  while (!done()) {
+    if (Clock::now() - start > limit) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+TEST(Timer, OneShotFiresOnceAfterItsIntervalWithItsIdAndUserPointer) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  std::atomic<long long> firedAfter{-1};
+  std::atomic<unsigned long long> seenId{0};
+  std::atomic<void*> seenUser{nullptr};
+  int user = 0;
+  const auto start = Clock::now();
+  const auto id = timer.Start(250, [&](unsigned long long i, void* u) {
+    if (++calls == 1) firedAfter = MsSince(start);
+    seenId = i;
+    seenUser = u;
+  }, false, &user);
+  ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(1, calls.load());
+  EXPECT_GE(firedAfter.load(), 250);
+  EXPECT_LT(firedAfter.load(), 250 + 1000);  // about 100 ms late at most; generous here
+  EXPECT_EQ(id, seenId.load());
+  EXPECT_EQ(&user, seenUser.load());
+}
+
+TEST(Timer, IdsStartAtOneAndGrowByOnePerTimerObject) {
+  zel::Timer first;
+  auto noop = [](unsigned long long, void*) {};
+  EXPECT_EQ(1u, first.Start(60000, noop, false, nullptr));
+  EXPECT_EQ(2u, first.Start(60000, noop, false, nullptr));
+  EXPECT_EQ(3u, first.Start(60000, noop, true, nullptr));
+  zel::Timer second;
+  EXPECT_EQ(1u, second.Start(60000, noop, false, nullptr));
+}
+
+TEST(Timer, TimersWithEqualDueTimesFireInStartOrder) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    zel::Timer timer;
+    std::mutex mutex;
+    std::vector<unsigned long long> fired;
+    auto record = [&](unsigned long long id, void*) {
+      std::lock_guard<std::mutex> lock(mutex);
+      fired.push_back(id);
+    };
+    // Started in the same millisecond, so their due times are equal; a later
+    // timer with a shorter interval proves the list is ordered by due time.
+    const long long before = zel::TimerNowMs();
+    const auto a = timer.Start(300, record, false, nullptr);
+    const auto b = timer.Start(300, record, false, nullptr);
+    const auto c = timer.Start(300, record, false, nullptr);
+    if (zel::TimerNowMs() != before) continue;
+    const auto early = timer.Start(150, record, false, nullptr);
+    ASSERT_TRUE(WaitUntil([&] {
+      std::lock_guard<std::mutex> lock(mutex);
+      return fired.size() == 4;
+    }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ((std::vector<unsigned long long>{early, a, b, c}), fired);
+    return;
+  }
+  FAIL() << "could not start three timers within one millisecond";
+}
+
+TEST(Timer, RepeatingZeroIntervalFiresAboutOncePerScan) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  timer.Start(0, [&](unsigned long long, void*) { ++calls; }, true, nullptr);
+  std::this_thread::sleep_for(1000ms);
+  const int seen = calls.load();
+  // One scan every ~100 ms: about 10 calls, a few more when a scan crosses a
+  // millisecond boundary, fewer on a loaded machine.
+  EXPECT_GE(seen, 3);
+  EXPECT_LE(seen, 30);
+}
+
+TEST(Timer, RepeatingTimerIsReArmedFromTheScanThatFiredIt) {
+  zel::Timer timer;
+  std::mutex mutex;
+  std::vector<long long> at;
+  timer.Start(100, [&](unsigned long long, void*) {
+    std::lock_guard<std::mutex> lock(mutex);
+    at.push_back(zel::TimerNowMs());
+  }, true, nullptr);
+  ASSERT_TRUE(WaitUntil([&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return at.size() >= 4;
+  }));
+  std::lock_guard<std::mutex> lock(mutex);
+  // Never closer than the interval: missed periods are not caught up.
+  for (size_t i = 1; i < at.size(); ++i) EXPECT_GE(at[i] - at[i - 1], 100) << i;
+}
+
+TEST(Timer, StopWithAnIdThatWasNeverReturnedChangesNothing) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  timer.Start(100, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  timer.Stop(42);
+  timer.Stop(0);
+  ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+  EXPECT_EQ(1, calls.load());
+}
+
+TEST(Timer, StoppedTimerIsNeverCalled) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  const auto id = timer.Start(200, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  timer.Stop(id);
+  timer.Stop(id);  // already gone: ignored
+  std::this_thread::sleep_for(600ms);
+  EXPECT_EQ(0, calls.load());
+}
+
+TEST(Timer, StopFromItsOwnCallbackEndsARepeatingTimer) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  timer.Start(0, [&](unsigned long long id, void*) {
+    ++calls;
+    timer.Stop(id);
+  }, true, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(1, calls.load());
+}
+
+TEST(Timer, CallbacksRunOnTheTimerThread) {
+  zel::Timer timer;
+  std::atomic<bool> done{false};
+  std::thread::id seen;
+  timer.Start(0, [&](unsigned long long, void*) {
+    seen = std::this_thread::get_id();
+    done = true;
+  }, false, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return done.load(); }));
+  EXPECT_NE(std::this_thread::get_id(), seen);
+}
+
+TEST(Timer, DestructionDropsPendingTimersUncalled) {
+  std::atomic<int> calls{0};
+  {
+    zel::Timer timer;
+    timer.Start(300, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+    timer.Start(0, [&](unsigned long long, void*) { ++calls; }, true, nullptr);
+    std::this_thread::sleep_for(50ms);
+  }
+  const int atDestruction = calls.load();
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(atDestruction, calls.load());
+  EXPECT_LE(atDestruction, 1);
+}
+
+TEST(Timer, ClockCountsMillisecondsSinceTheLibraryWasLoaded) {
+  const long long first = zel::TimerNowMs();
+  EXPECT_GE(first, 0);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_GE(zel::TimerNowMs() - first, 50);
+}
+
+}  // namespace
