@@ -241,7 +241,7 @@ TEST_F(ConfigParserTest, GetIntegerValReadsTheValue) {
   EXPECT_EQ(-7, number);
 }
 
-TEST_F(ConfigParserTest, GetIntegerValOfMissingKeyReturnsZeroAndStoresZero) {
+TEST_F(ConfigParserTest, GetIntegerValOfMissingKeyReturnsZeroAndSetsZero) {
   DiagCapture capture;
   zel::ConfigParser parser;
   LoadSample(&parser);
@@ -289,7 +289,7 @@ TEST_F(ConfigParserTest, GetDoubleValReadsTheValueSilently) {
   EXPECT_TRUE(DiagCapture::Lines().empty());
 }
 
-TEST_F(ConfigParserTest, GetDoubleValOfMissingKeyStoresZeroWithLine105) {
+TEST_F(ConfigParserTest, GetDoubleValOfMissingKeyGivesZeroWithLine105) {
   DiagCapture capture;
   zel::ConfigParser parser;
   LoadSample(&parser);
@@ -299,7 +299,7 @@ TEST_F(ConfigParserTest, GetDoubleValOfMissingKeyStoresZeroWithLine105) {
   ExpectOneGLibError("GetDoubleVal", 105, "nokey");
 }
 
-TEST_F(ConfigParserTest, GetDoubleValOfMissingGroupStoresZeroWithLine105) {
+TEST_F(ConfigParserTest, GetDoubleValOfMissingGroupGivesZeroWithLine105) {
   DiagCapture capture;
   zel::ConfigParser parser;
   LoadSample(&parser);
@@ -309,7 +309,7 @@ TEST_F(ConfigParserTest, GetDoubleValOfMissingGroupStoresZeroWithLine105) {
   ExpectOneGLibError("GetDoubleVal", 105, "nogroup");
 }
 
-TEST_F(ConfigParserTest, GetDoubleValOfWrongTypeStoresZeroWithLine105) {
+TEST_F(ConfigParserTest, GetDoubleValOfWrongTypeGivesZeroWithLine105) {
   DiagCapture capture;
   zel::ConfigParser parser;
   LoadSample(&parser);
