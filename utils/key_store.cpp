@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #if defined(__APPLE__)
 #include <CoreServices/CoreServices.h>
@@ -19,6 +19,52 @@ namespace {
 
 constexpr const char kAppFolder[] = "orvane";
 constexpr size_t kPathSize = 1024;
+constexpr size_t kLineSize = 1024;
+constexpr size_t kValueSize = 32;
+constexpr size_t kHeaderSize = 32;
+constexpr size_t kNumberSize = 32;
+
+const char* OrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+// The login name; getlogin() fails without a controlling terminal, then the
+// account of the real user id stands in.
+const char* LoginName() {
+  if (const char* login = getlogin()) return login;
+  if (const passwd* pw = getpwuid(getuid())) return pw->pw_name;
+  return "";
+}
+
+// "[section]", cut to the buffer: the cut header is what lines are compared with.
+void FormatHeader(const char* section, char (&header)[kHeaderSize]) {
+  std::snprintf(header, sizeof(header), "[%s]", OrEmpty(section));
+}
+
+// fgets into `line`, also telling how many bytes were read, so that bytes
+// after a NUL in a line are not lost when the line is copied unchanged.
+// Returns 0 at end of file.
+size_t ReadLine(FILE* file, char (&line)[kLineSize]) {
+  size_t count = 0;
+  while (count < kLineSize - 1) {
+    const int c = std::fgetc(file);
+    if (c == EOF) break;
+    line[count++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  line[count] = '\0';
+  return count;
+}
+
+// A name=value line matches `key` when its name equals the first characters
+// of `key` (a line "ab=" matches the key "abc"); nothing is trimmed.
+bool NameMatches(const char* key, const char* line, const char* equals) {
+  return std::strncmp(key, line, static_cast<size_t>(equals - line)) == 0;
+}
+
+// The line, without its last character (normally the newline), equals the
+// start of the header.
+bool IsHeaderLine(const char* line, size_t length, const char* header) {
+  return length > 0 && std::strncmp(line, header, length - 1) == 0;
+}
 
 // Home of the user who runs the client, when this process runs as root.
 bool RootCaseHome(std::string* home) {
@@ -104,4 +150,108 @@ extern "C" std::string GetAppDataPath() {
     return std::string();
   }
   return path;
+}
+
+extern "C" char* GetConfigFilePath(void) {
+  char* path = static_cast<char*>(std::malloc(kPathSize));
+  if (path == nullptr) return nullptr;
+  std::snprintf(path, kPathSize, "/Users/%s/client_config.ini", LoginName());
+  return path;
+}
+
+extern "C" char* GetKeyString(const char* section, const char* key) {
+  key = OrEmpty(key);
+  char* path = GetConfigFilePath();
+  if (path == nullptr) return nullptr;
+  char* value = static_cast<char*>(std::calloc(kValueSize, 1));
+  if (value == nullptr) {
+    std::free(path);
+    return nullptr;
+  }
+  char header[kHeaderSize];
+  FormatHeader(section, header);
+
+  FILE* file = std::fopen(path, "r");
+  std::free(path);
+  if (file == nullptr) {
+    std::perror("fopen");
+    return value;
+  }
+  // Never cleared: once the header was seen, later sections are searched too.
+  bool inSection = false;
+  char line[kLineSize];
+  while (ReadLine(file, line) > 0) {
+    if (std::strncmp(line, "//", 2) == 0 || line[0] == '#') continue;
+    const size_t length = std::strlen(line);
+    if (length < 2) continue;
+    char* equals = std::strchr(line, '=');
+    if (equals != nullptr && inSection) {
+      if (!NameMatches(key, line, equals)) continue;
+      // Drops the newline, or the value's last character on a last line without one.
+      line[length - 1] = '\0';
+      std::strncpy(value, equals + 1, kValueSize - 1);
+      std::fclose(file);
+      return value;
+    }
+    if (IsHeaderLine(line, length, header)) inSection = true;
+  }
+  std::fclose(file);
+  return value;
+}
+
+extern "C" int GetKeyInt(const char* section, const char* key) {
+  char* value = GetKeyString(section, key);
+  const int number = (value != nullptr && value[0] != '\0') ? std::atoi(value) : 0;
+  std::free(value);
+  return number;
+}
+
+extern "C" int PutKeyString(const char* section, const char* key, const char* value) {
+  key = OrEmpty(key);
+  value = OrEmpty(value);
+  char* path = GetConfigFilePath();
+  if (path == nullptr) return 0;
+  char header[kHeaderSize];
+  FormatHeader(section, header);
+
+  const std::string settings = path;
+  std::free(path);
+  FILE* in = std::fopen(settings.c_str(), "r");
+  if (in == nullptr) return -2;
+  // One fixed name: concurrent writers are the callers' business.
+  const std::string temporary = settings + ".tmp";
+  FILE* out = std::fopen(temporary.c_str(), "w");
+  if (out == nullptr) {
+    std::fclose(in);
+    return -1;
+  }
+  enum { kBeforeSection, kInSection, kDone } state = kBeforeSection;
+  char line[kLineSize];
+  for (size_t count; (count = ReadLine(in, line)) > 0;) {
+    if (state != kDone) {
+      char* equals = std::strchr(line, '=');
+      if (equals != nullptr && state == kInSection) {
+        if (NameMatches(key, line, equals)) {
+          // name=value and a newline, cut so the newline always fits.
+          char* rest = equals + 1;
+          const size_t room = sizeof(line) - static_cast<size_t>(rest - line);
+          std::snprintf(rest, room, "%.*s\n", static_cast<int>(room > 1 ? room - 2 : 0), value);
+          count = std::strlen(line);
+          state = kDone;
+        }
+      } else if (IsHeaderLine(line, std::strlen(line), header)) {
+        state = kInSection;
+      }
+    }
+    std::fwrite(line, 1, count, out);
+  }
+  std::fclose(in);
+  std::fclose(out);
+  return std::rename(temporary.c_str(), settings.c_str());
+}
+
+extern "C" int PutKeyInt(const char* section, const char* key, int value) {
+  char number[kNumberSize];
+  std::snprintf(number, sizeof(number), "%d", value);
+  return PutKeyString(section, key, number);
 }

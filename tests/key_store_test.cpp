@@ -1,0 +1,607 @@
+#include "utils/key_store.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "utils/process_info.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// Every test of this file uses the one settings file of the login (or the
+// process table, for the root case of the paths); ctest runs test cases in
+// parallel processes, so they take turns through an exclusive file lock.
+class SharedFileLock {
+ public:
+  SharedFileLock() : fd_(open("/tmp/zel_key_store_test.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666)) {
+    if (fd_ >= 0) flock(fd_, LOCK_EX);
+  }
+  ~SharedFileLock() {
+    if (fd_ >= 0) close(fd_);  // closing releases the lock
+  }
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+// A file that was at `path` before the test, put back afterwards.
+class SavedFile {
+ public:
+  explicit SavedFile(std::string path) : path_(std::move(path)) {
+    std::error_code error;
+    existed_ = fs::is_regular_file(path_, error);
+    if (existed_) bytes_ = ReadFile(path_);
+  }
+  ~SavedFile() {
+    std::error_code error;
+    fs::remove_all(path_, error);
+    if (existed_) WriteFile(path_, bytes_);
+  }
+
+ private:
+  std::string path_;
+  bool existed_ = false;
+  std::string bytes_;
+};
+
+std::string LoginName() {
+  if (const char* login = getlogin()) return login;
+  const passwd* pw = getpwuid(getuid());
+  return pw != nullptr ? pw->pw_name : "";
+}
+
+// The real settings file of this login, saved before and restored after each
+// test, with any folders that had to be made for it removed again.
+class KeyStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(lock_.held());
+    char* path = GetConfigFilePath();
+    ASSERT_NE(nullptr, path);
+    path_ = path;
+    std::free(path);
+    saved_.emplace_back(path_);
+    saved_.emplace_back(path_ + ".tmp");
+    MakeParentFolders();
+    std::error_code error;
+    fs::remove_all(path_, error);
+    fs::remove_all(path_ + ".tmp", error);
+  }
+  void TearDown() override {
+    saved_.clear();
+    for (auto it = created_.rbegin(); it != created_.rend(); ++it) rmdir(it->c_str());
+  }
+
+  void MakeParentFolders() {
+    std::vector<std::string> missing;
+    for (fs::path folder = fs::path(path_).parent_path(); !fs::exists(folder);
+         folder = folder.parent_path()) {
+      missing.push_back(folder.string());
+    }
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+      ASSERT_EQ(0, mkdir(it->c_str(), 0755)) << *it;
+      created_.push_back(*it);
+    }
+  }
+
+  void Settings(const std::string& bytes) { WriteFile(path_, bytes); }
+  std::string Settings() const { return ReadFile(path_); }
+
+  static std::string Get(const char* section, const char* key) {
+    char* value = GetKeyString(section, key);
+    EXPECT_NE(nullptr, value);
+    if (value == nullptr) return "<null>";
+    std::string text = value;
+    std::free(value);
+    return text;
+  }
+
+  SharedFileLock lock_;
+  std::string path_;
+  std::vector<SavedFile> saved_;
+  std::vector<std::string> created_;
+};
+
+// ---- the path ----
+
+TEST_F(KeyStoreTest, ConfigFilePathIsUsersLoginClientConfigIni) {
+  EXPECT_EQ("/Users/" + LoginName() + "/client_config.ini", path_);
+}
+
+// ---- reading ----
+
+TEST_F(KeyStoreTest, MissingFileGivesEmptyValueAndPrintsFopenError) {
+  testing::internal::CaptureStderr();
+  const std::string value = Get("net", "port");
+  const std::string printed = testing::internal::GetCapturedStderr();
+  EXPECT_EQ("", value);
+  EXPECT_NE(std::string::npos, printed.find("fopen: No such file or directory")) << printed;
+}
+
+TEST_F(KeyStoreTest, MissingFileGivesIntZero) { EXPECT_EQ(0, GetKeyInt("net", "port")); }
+
+TEST_F(KeyStoreTest, KeyEqualToLineNameIsFound) {
+  Settings("[net]\nport=80\n");
+  EXPECT_EQ("80", Get("net", "port"));
+  EXPECT_EQ(80, GetKeyInt("net", "port"));
+}
+
+TEST_F(KeyStoreTest, KeyShorterThanLineNameIsNotFound) {
+  Settings("[net]\nport=80\n");
+  EXPECT_EQ("", Get("net", "po"));
+  EXPECT_EQ(0, GetKeyInt("net", "po"));
+}
+
+TEST_F(KeyStoreTest, LineNameThatIsPrefixOfKeyMatches) {
+  Settings("[net]\nport=80\n");
+  EXPECT_EQ("80", Get("net", "portal"));
+}
+
+TEST_F(KeyStoreTest, BlankBeforeEqualsSignIsPartOfTheName) {
+  Settings("[net]\nport =80\n");
+  EXPECT_EQ("", Get("net", "port"));
+  EXPECT_EQ("80", Get("net", "port "));
+}
+
+TEST_F(KeyStoreTest, ValuesAreNotTrimmed) {
+  Settings("[net]\nhost= local host \n");
+  EXPECT_EQ(" local host ", Get("net", "host"));
+}
+
+TEST_F(KeyStoreTest, SectionIsNeverLeftOnceEntered) {
+  Settings("[a]\nx=1\n[b]\ny=2\n");
+  EXPECT_EQ("2", Get("a", "y"));
+}
+
+TEST_F(KeyStoreTest, KeysBeforeTheHeaderAreIgnored) {
+  Settings("[a]\nx=1\n[b]\ny=2\n");
+  EXPECT_EQ("", Get("b", "x"));
+}
+
+TEST_F(KeyStoreTest, MissingSectionGivesEmptyValue) {
+  Settings("[a]\nx=1\n");
+  EXPECT_EQ("", Get("c", "x"));
+}
+
+TEST_F(KeyStoreTest, FirstMatchingLineWins) {
+  Settings("[a]\nk=1\nk=2\n");
+  EXPECT_EQ("1", Get("a", "k"));
+}
+
+TEST_F(KeyStoreTest, LastLineWithoutNewlineLosesItsLastCharacter) {
+  Settings("[s]\nk=12");
+  EXPECT_EQ("1", Get("s", "k"));
+  EXPECT_EQ(1, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreTest, LastLineWithOneCharacterValueAndNoNewlineIsEmpty) {
+  Settings("[s]\nk=5");
+  EXPECT_EQ("", Get("s", "k"));
+  EXPECT_EQ(0, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreTest, HashCommentInsideSectionIsSkipped) {
+  Settings("[s]\n#k=1\nk=2\n");
+  EXPECT_EQ("2", Get("s", "k"));
+  EXPECT_EQ("", Get("s", "#k"));
+}
+
+TEST_F(KeyStoreTest, SlashCommentInsideSectionIsSkipped) {
+  Settings("[s]\n//k=1\nk=2\n");
+  EXPECT_EQ("2", Get("s", "k"));
+  EXPECT_EQ("", Get("s", "//k"));
+}
+
+TEST_F(KeyStoreTest, CommentedHeaderDoesNotOpenTheSection) {
+  Settings("#[s]\nk=1\n");
+  EXPECT_EQ("", Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, LineWithEmptyNameMatchesEveryKey) {
+  Settings("[s]\n=7\nk=1\n");
+  EXPECT_EQ("7", Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, LineThatIsTheStartOfTheHeaderOpensTheSection) {
+  Settings("[ne\nport=80\n");
+  EXPECT_EQ("80", Get("net", "port"));
+}
+
+TEST_F(KeyStoreTest, HeaderWithTrailingTextDoesNotOpenTheSection) {
+  Settings("[net] ; comment\nport=80\n");
+  EXPECT_EQ("", Get("net", "port"));
+}
+
+TEST_F(KeyStoreTest, SectionNameOf29CharactersMatchesItsHeader) {
+  const std::string section(29, 's');
+  Settings("[" + section + "]\nk=1\n");
+  EXPECT_EQ("1", Get(section.c_str(), "k"));
+}
+
+TEST_F(KeyStoreTest, LongSectionNameIsComparedAsItsCutHeader) {
+  const std::string section(40, 's');
+  Settings("[" + section + "]\nk=1\n");
+  EXPECT_EQ("", Get(section.c_str(), "k"));
+  // The header kept in 32 bytes is "[" and the first 30 characters.
+  Settings("[" + section.substr(0, 30) + "\nk=1\n");
+  EXPECT_EQ("1", Get(section.c_str(), "k"));
+}
+
+TEST_F(KeyStoreTest, EmptyValueGivesIntZero) {
+  Settings("[s]\nk=\nn=abc\nm=12abc\n");
+  EXPECT_EQ("", Get("s", "k"));
+  EXPECT_EQ(0, GetKeyInt("s", "k"));
+  EXPECT_EQ(0, GetKeyInt("s", "n"));
+  EXPECT_EQ(12, GetKeyInt("s", "m"));
+}
+
+TEST_F(KeyStoreTest, NegativeIntIsRead) {
+  Settings("[s]\nk=-42\n");
+  EXPECT_EQ(-42, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreTest, ValueOf31CharactersIsReturnedWhole) {
+  const std::string value(31, 'v');
+  Settings("[s]\nk=" + value + "\n");
+  EXPECT_EQ(value, Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, ValueOf32CharactersIsCutTo31) {
+  const std::string value = std::string(31, 'v') + "w";
+  Settings("[s]\nk=" + value + "\n");
+  EXPECT_EQ(std::string(31, 'v'), Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, ValueOf500CharactersIsCutTo31) {
+  std::string value;
+  for (int i = 0; i < 500; ++i) value += static_cast<char>('a' + i % 26);
+  Settings("[s]\nk=" + value + "\nnext=1\n");
+  EXPECT_EQ(value.substr(0, 31), Get("s", "k"));
+  EXPECT_EQ("1", Get("s", "next"));
+}
+
+TEST_F(KeyStoreTest, LineLongerThan1023BytesIsReadInPieces) {
+  // The second 1023-byte piece of the long line reads as a line of its own.
+  Settings("[s]\n" + std::string(1023, 'x') + "k=7\n");
+  EXPECT_EQ("7", Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, LongLinesBeforeTheKeyDoNotHideIt) {
+  Settings("[s]\nlong=" + std::string(3000, 'a') + "\n#" + std::string(2000, 'c') + "\nk=5\n");
+  EXPECT_EQ("5", Get("s", "k"));
+  EXPECT_EQ(std::string(31, 'a'), Get("s", "long"));
+}
+
+TEST_F(KeyStoreTest, BinaryJunkGivesEmptyValue) {
+  std::string junk;
+  for (int i = 0; i < 5000; ++i) junk += static_cast<char>((i * 37 + 11) % 256);
+  Settings(junk);
+  EXPECT_EQ("", Get("s", "k"));
+  Settings("[s]\n" + junk + "\n");
+  const std::string value = Get("s", "k");
+  EXPECT_LE(value.size(), 31u);
+}
+
+TEST_F(KeyStoreTest, NullArgumentsReadAsEmpty) {
+  Settings("[s]\nk=1\n");
+  EXPECT_EQ("", Get(nullptr, "k"));
+  EXPECT_EQ("", Get("s", nullptr));
+}
+
+TEST_F(KeyStoreTest, ResultIsAFreshBlockEveryCall) {
+  Settings("[s]\nk=1\n");
+  char* first = GetKeyString("s", "k");
+  char* second = GetKeyString("s", "k");
+  ASSERT_NE(nullptr, first);
+  ASSERT_NE(nullptr, second);
+  EXPECT_NE(first, second);
+  EXPECT_STREQ("1", first);
+  std::free(first);
+  std::free(second);
+}
+
+// ---- writing ----
+
+TEST_F(KeyStoreTest, PutKeyStringReplacesTheValue) {
+  Settings("[net]\nhost=a\nport=80\n[other]\nport=1\n");
+  EXPECT_EQ(0, PutKeyString("net", "port", "8080"));
+  EXPECT_EQ("[net]\nhost=a\nport=8080\n[other]\nport=1\n", Settings());
+  EXPECT_EQ("8080", Get("net", "port"));
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
+}
+
+TEST_F(KeyStoreTest, PutKeyStringOfAbsentKeyLeavesFileUnchanged) {
+  const std::string text = "// settings\n[net]\nport=80\n\n# end\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("net", "host", "x"));
+  EXPECT_EQ(text, Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringOfAbsentSectionLeavesFileUnchanged) {
+  const std::string text = "[net]\nport=80\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("web", "port", "1"));
+  EXPECT_EQ(text, Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringReplacesOnlyTheFirstMatch) {
+  Settings("[s]\nk=1\nk=2\n");
+  EXPECT_EQ(0, PutKeyString("s", "k", "9"));
+  EXPECT_EQ("[s]\nk=9\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringKeepsTheLineNameOfAPrefixMatch) {
+  Settings("[s]\nab=1\n");
+  EXPECT_EQ(0, PutKeyString("s", "abc", "2"));
+  EXPECT_EQ("[s]\nab=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringNeverLeavesTheSection) {
+  Settings("[a]\nx=1\n[b]\ny=2\n");
+  EXPECT_EQ(0, PutKeyString("a", "y", "3"));
+  EXPECT_EQ("[a]\nx=1\n[b]\ny=3\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringIgnoresKeysBeforeTheHeader) {
+  const std::string text = "[a]\nx=1\n[b]\ny=2\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("b", "x", "3"));
+  EXPECT_EQ(text, Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringTreatsCommentLinesAsKeyLines) {
+  Settings("[s]\n#k=1\nk=2\n");
+  EXPECT_EQ(0, PutKeyString("s", "#k", "3"));
+  EXPECT_EQ("[s]\n#k=3\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringTakesAnEmptyLineForTheHeader) {
+  // A one-byte line has no characters left to compare once the newline is
+  // ignored, so it counts as the header.
+  Settings("\n[b]\nk=1\n");
+  EXPECT_EQ(0, PutKeyString("a", "k", "2"));
+  EXPECT_EQ("\n[b]\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringOnLastLineWithoutNewlineAddsOne) {
+  Settings("[s]\nk=12");
+  EXPECT_EQ(0, PutKeyString("s", "k", "34"));
+  EXPECT_EQ("[s]\nk=34\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWritesLongValuesWhole) {
+  const std::string value(500, 'v');
+  Settings("[s]\nk=1\nnext=2\n");
+  EXPECT_EQ(0, PutKeyString("s", "k", value.c_str()));
+  EXPECT_EQ("[s]\nk=" + value + "\nnext=2\n", Settings());
+  EXPECT_EQ(std::string(31, 'v'), Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, PutKeyStringCutsAValueThatExceedsTheLineAndKeepsTheNewline) {
+  const std::string value(3000, 'v');
+  Settings("[s]\nk=1\nnext=2\n");
+  EXPECT_EQ(0, PutKeyString("s", "k", value.c_str()));
+  EXPECT_EQ("[s]\nk=" + std::string(1020, 'v') + "\nnext=2\n", Settings());
+  EXPECT_EQ("2", Get("s", "next"));
+}
+
+TEST_F(KeyStoreTest, PutKeyStringKeepsLongLinesByteForByte) {
+  const std::string text = "[s]\nlong=" + std::string(3000, 'a') + "\n#" +
+                           std::string(1500, 'c') + "\nk=1\nafter=" + std::string(2000, 'b') +
+                           "\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("s", "missing", "x"));
+  EXPECT_EQ(text, Settings());
+  EXPECT_EQ(0, PutKeyString("s", "k", "2"));
+  const std::string expected = "[s]\nlong=" + std::string(3000, 'a') + "\n#" +
+                               std::string(1500, 'c') + "\nk=2\nafter=" +
+                               std::string(2000, 'b') + "\n";
+  EXPECT_EQ(expected, Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringKeepsBinaryJunkByteForByte) {
+  std::string junk;
+  for (int i = 0; i < 5000; ++i) junk += static_cast<char>((i * 37 + 11) % 256);
+  Settings(junk + "\n[s]\nk=1\n");
+  EXPECT_EQ(0, PutKeyString("zz", "k", "2"));
+  EXPECT_EQ(junk + "\n[s]\nk=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringOfMissingFileReturnsMinusTwo) {
+  EXPECT_EQ(-2, PutKeyString("s", "k", "1"));
+  EXPECT_FALSE(fs::exists(path_));
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWithoutTemporaryFileReturnsMinusOne) {
+  const std::string text = "[s]\nk=1\n";
+  Settings(text);
+  ASSERT_EQ(0, mkdir((path_ + ".tmp").c_str(), 0755));  // a folder cannot be opened for writing
+  EXPECT_EQ(-1, PutKeyString("s", "k", "2"));
+  EXPECT_EQ(text, Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringReturnsTheFailureOfRename) {
+  ASSERT_EQ(0, mkdir(path_.c_str(), 0755));  // readable, but cannot be renamed over
+  EXPECT_EQ(-1, PutKeyString("s", "k", "2"));
+  EXPECT_TRUE(fs::is_directory(path_));
+}
+
+TEST_F(KeyStoreTest, PutKeyIntWritesNegativeNumber) {
+  Settings("[s]\nk=1\n");
+  EXPECT_EQ(0, PutKeyInt("s", "k", -7));
+  EXPECT_EQ("[s]\nk=-7\n", Settings());
+  EXPECT_EQ(-7, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreTest, PutKeyIntOfMissingFileReturnsMinusTwo) {
+  EXPECT_EQ(-2, PutKeyInt("s", "k", 3));
+}
+
+TEST_F(KeyStoreTest, PutKeyIntWritesExtremes) {
+  Settings("[s]\na=1\nb=2\n");
+  EXPECT_EQ(0, PutKeyInt("s", "a", -2147483647 - 1));
+  EXPECT_EQ(0, PutKeyInt("s", "b", 2147483647));
+  EXPECT_EQ("[s]\na=-2147483648\nb=2147483647\n", Settings());
+}
+
+// ---- application paths ----
+
+constexpr char kClientName[] = "orvane";
+
+class AppPathsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(lock_.held());
+    char pattern[] = "/tmp/zel_app_paths_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    dir_ = pattern;
+    // Reachable by the unprivileged user the tests switch to.
+    ASSERT_EQ(0, chmod(dir_.c_str(), 0777));
+  }
+  void TearDown() override {
+    std::error_code error;
+    fs::remove_all(dir_, error);
+  }
+
+  // Runs `paths` in a child process as an ordinary user (the nobody account
+  // when the tests run as root) with the given environment, and returns what
+  // it produced.
+  std::string AsOrdinaryUser(const std::vector<std::pair<std::string, const char*>>& env,
+                             const std::function<std::string()>& paths) {
+    int fds[2];
+    if (pipe(fds) != 0) return "<pipe failed>";
+    const passwd* nobody = getpwnam("nobody");
+    const uid_t uid = nobody != nullptr ? nobody->pw_uid : 65534;
+    const gid_t gid = nobody != nullptr ? nobody->pw_gid : 65534;
+    const pid_t child = fork();
+    if (child == 0) {
+      close(fds[0]);
+      if (getuid() == 0 && (setgid(gid) != 0 || setuid(uid) != 0)) _exit(2);
+      for (const auto& [name, value] : env) {
+        if (value != nullptr) {
+          setenv(name.c_str(), value, 1);
+        } else {
+          unsetenv(name.c_str());
+        }
+      }
+      const std::string text = paths();
+      const bool written = write(fds[1], text.data(), text.size()) ==
+                           static_cast<ssize_t>(text.size());
+      _exit(written ? 0 : 3);
+    }
+    close(fds[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return text;
+  }
+
+  static std::string BothPaths() { return GetAppRootPath() + "|" + GetAppDataPath(); }
+
+  SharedFileLock lock_;
+  std::string dir_;
+};
+
+TEST_F(AppPathsTest, OrdinaryUserPathsEndInSlashUnderDataHome) {
+  const std::string xdg = dir_ + "/xdg";
+  EXPECT_EQ(xdg + "/orvane/|" + xdg + "/orvane/log/",
+            AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, BothPaths));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserDataHomeIsCreatedButNotTheAppFolders) {
+  const std::string xdg = dir_ + "/xdg";
+  AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, BothPaths);
+  EXPECT_TRUE(fs::is_directory(xdg));
+  EXPECT_FALSE(fs::exists(xdg + "/orvane"));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserWithoutDataHomeUsesHomeLocalShare) {
+  const std::string home = dir_ + "/home";
+  EXPECT_EQ(home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/",
+            AsOrdinaryUser({{"XDG_DATA_HOME", nullptr}, {"HOME", home.c_str()}}, BothPaths));
+  EXPECT_TRUE(fs::is_directory(home + "/.local/share"));
+  EXPECT_FALSE(fs::exists(home + "/.local/share/orvane"));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserIgnoresRelativeDataHome) {
+  const std::string home = dir_ + "/home";
+  EXPECT_EQ(home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/",
+            AsOrdinaryUser({{"XDG_DATA_HOME", "relative/xdg"}, {"HOME", home.c_str()}},
+                           BothPaths));
+}
+
+// The root case needs root; CI runs as root.
+#define REQUIRE_ROOT() \
+  if (getuid() != 0) GTEST_SKIP() << "the root case needs root"
+
+TEST_F(AppPathsTest, RootWithoutRunningClientGetsEmptyPaths) {
+  REQUIRE_ROOT();
+  ASSERT_EQ(-1, getProcessUid(kClientName));
+  EXPECT_EQ("", GetAppRootPath());
+  EXPECT_EQ("", GetAppDataPath());
+}
+
+TEST_F(AppPathsTest, RootGetsFoldersOfTheUserRunningTheClientWithoutTrailingSlash) {
+  REQUIRE_ROOT();
+  const passwd* nobody = getpwnam("nobody");
+  ASSERT_NE(nullptr, nobody);
+  const uid_t uid = nobody->pw_uid;
+  const gid_t gid = nobody->pw_gid;
+  const std::string home = nobody->pw_dir;
+  // A stand-in client: a copy of sleep named like the client, run as nobody.
+  const std::string client = dir_ + "/" + kClientName;
+  fs::copy_file("/bin/sleep", client);
+  ASSERT_EQ(0, chmod(client.c_str(), 0755));
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(gid) == 0 && setuid(uid) == 0) execl(client.c_str(), kClientName, "30", nullptr);
+    _exit(127);
+  }
+  ASSERT_GT(child, 0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (getProcessUid(kClientName) != static_cast<int>(uid) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  const std::string root = GetAppRootPath();
+  const std::string data = GetAppDataPath();
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(home + "/.local/share/orvane", root);
+  EXPECT_EQ(home + "/.local/share/orvane/log/", data);
+}
+
+}  // namespace
