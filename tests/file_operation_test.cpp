@@ -23,6 +23,11 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using zeltest::DiagCapture;
 
+// Diagnostics of this test only, also when several tests share a process.
+struct Diagnostics : DiagCapture {
+  Diagnostics() { Clear(); }
+};
+
 // A name no other test (or process) uses.
 std::string UniqueName(const std::string& stem) {
   static std::atomic<int> counter{0};
@@ -146,7 +151,7 @@ TEST_F(FileOperation, DeleteFileRemovesOnceThenFails) {
 // --- SavePrinterFile: refusals ---
 
 TEST_F(PrinterFile, BufferOf19BytesIsTooLittle) {
-  DiagCapture diag;
+  Diagnostics diag;
   Bytes chunk(19, 0);
   std::string local_name = "unchanged";
   EXPECT_EQ(-1, zel::SavePrinterFile(19, chunk.data(), "user_", local_name));
@@ -159,7 +164,7 @@ TEST_F(PrinterFile, BufferOf19BytesIsTooLittle) {
 }
 
 TEST_F(PrinterFile, TwentyByteBufferWithEmptyPathIsRefusedForHeaderOf21) {
-  DiagCapture diag;
+  Diagnostics diag;
   Bytes chunk(20, 0);  // L = 0: the header alone needs 21 bytes
   std::string local_name = "unchanged";
   EXPECT_EQ(-1, Save(chunk, "user_", local_name));
@@ -170,7 +175,7 @@ TEST_F(PrinterFile, TwentyByteBufferWithEmptyPathIsRefusedForHeaderOf21) {
 }
 
 TEST_F(PrinterFile, TruncatedHeaderIsRefusedWithItsLength) {
-  DiagCapture diag;
+  Diagnostics diag;
   const std::string name = TmpFileName("trunc");
   Bytes chunk = Chunk(7, 2, "x/" + name, 100, 0, "data");
   chunk.resize(chunk.size() - 4 - 8);  // offset and data cut off
@@ -184,7 +189,7 @@ TEST_F(PrinterFile, TruncatedHeaderIsRefusedWithItsLength) {
 }
 
 TEST_F(PrinterFile, OversizedPathLengthIsRefused) {
-  DiagCapture diag;
+  Diagnostics diag;
   Bytes chunk(40, 'a');
   chunk[4] = 255;  // claims a 255-byte path in a 40-byte buffer
   std::string local_name = "unchanged";
@@ -194,7 +199,7 @@ TEST_F(PrinterFile, OversizedPathLengthIsRefused) {
 }
 
 TEST_F(PrinterFile, PathWithoutSeparatorFailsToGiveFileName) {
-  DiagCapture diag;
+  Diagnostics diag;
   const std::string name = TmpFileName("nosep");
   std::string local_name = "unchanged";
   EXPECT_EQ(-1, Save(Chunk(7, 2, name, 4, 0, "data"), "user_", local_name));
@@ -207,7 +212,7 @@ TEST_F(PrinterFile, PathWithoutSeparatorFailsToGiveFileName) {
 // --- SavePrinterFile: names ---
 
 TEST_F(PrinterFile, LocalNameJoinsFolderBackslashIdsLabelAndFileName) {
-  DiagCapture diag;
+  Diagnostics diag;
   const std::string name = TmpFileName("doc") + ".prn";
   cleanup_.push_back("/tmp/" + name);
   std::string local_name;
@@ -220,7 +225,7 @@ TEST_F(PrinterFile, LocalNameJoinsFolderBackslashIdsLabelAndFileName) {
 }
 
 TEST_F(PrinterFile, DiagnosticsOfASuccessfulChunk) {
-  DiagCapture diag;
+  Diagnostics diag;
   const std::string name = TmpFileName("diag");
   const std::string path = "spool/" + name;
   std::string local_name;
@@ -261,7 +266,7 @@ TEST_F(PrinterFile, SlashAnywhereWinsOverBackslashes) {
 }
 
 TEST_F(PrinterFile, HeaderIsLittleEndianAtAnyAlignment) {
-  DiagCapture diag;
+  Diagnostics diag;
   const std::string name = TmpFileName("endian");
   Bytes chunk = Chunk(0x0102, 0x0304, "p/" + name, 0x0102030405060708ull, 3, "xyz");
   chunk.insert(chunk.begin(), 0xEE);  // odd start address
@@ -316,7 +321,7 @@ TEST_F(PrinterFile, FirstChunkRemovesLocalNameFileNotTmpFile) {
   WriteFile("/tmp/" + name, "0123456789");
   ASSERT_TRUE(zel::fileExists(expected_local.c_str()));
 
-  DiagCapture diag;
+  Diagnostics diag;
   std::string local_name;
   ASSERT_EQ(0, Save(Chunk(7, 2, "x/" + name, 2, 0, "ab"), "user_", local_name));
   EXPECT_EQ(expected_local, local_name);

@@ -12,7 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -24,23 +26,33 @@
 namespace {
 
 using zeltest::DiagCapture;
+
+// Diagnostics of this test only, also when several tests share a process.
+struct Diagnostics : DiagCapture {
+  Diagnostics() { Clear(); }
+};
 using Clock = std::chrono::steady_clock;
 using Packet = std::vector<unsigned char>;
 
 constexpr size_t kEchoSize = 28;
 
-// When >= 0, echo requests leaving through sendto carry this identifier
-// instead of the caller's (checksum fixed up): the replies then belong to
-// "another process's ping".
+// The library's socket calls are interposed by this test program (definitions
+// at the end) so that tests can steer them:
+// - gRewriteIdentifier >= 0: echo requests leave with this identifier instead
+//   of the caller's (checksum fixed up), so the replies belong to "another
+//   process's ping";
+// - gFailSends / gFailReceives: sendto / recvfrom fail with -1;
+// - setsockopt calls at SOL_SOCKET with option 0x1007 are recorded.
 std::atomic<int> gRewriteIdentifier{-1};
+std::atomic<bool> gFailSends{false};
+std::atomic<bool> gFailReceives{false};
 
-}  // namespace
-
-// Interposes the library's sendto for this test program (see above).
-extern "C" ssize_t sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to,
-                          socklen_t to_len);
-
-namespace {
+struct SockoptCall {
+  int result;
+  socklen_t length;
+  timeval value;
+};
+std::vector<SockoptCall> gTimeoutOptionCalls;  // test thread only
 
 // --- independent ICMP helpers ---
 
@@ -184,7 +196,7 @@ TEST(IpCheckPort, FullAcceptQueueTimesOutAfterOneSecond) {
 
 TEST(IpCheckPort, DiagnosticsFrameTheProbeWithLiteralBackslashN) {
   LoopbackSocket listener(16);
-  DiagCapture diag;
+  Diagnostics diag;
   ASSERT_TRUE(check_ip_port("127.0.0.1", listener.port()));
   const std::string port = std::to_string(listener.port());
   const auto lines = DiagCapture::Lines();
@@ -200,7 +212,7 @@ TEST(IpCheckPort, DiagnosticsFrameTheProbeWithLiteralBackslashN) {
 
 TEST(IpCheckPort, RefusalAlsoEndsWithEndDiagnostic) {
   LoopbackSocket bound_only(-1);
-  DiagCapture diag;
+  Diagnostics diag;
   EXPECT_FALSE(check_ip_port("127.0.0.1", bound_only.port()));
   EXPECT_EQ(1u, DiagCapture::Count(" ....... end\\n\""));
 }
@@ -216,7 +228,7 @@ TEST(IpCheckPort, SocketCreationFailureIsDebugDiagnostic) {
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
   rlimit none = saved;
   none.rlim_cur = 0;  // every new descriptor fails with EMFILE
-  DiagCapture diag;
+  Diagnostics diag;
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
   const bool reachable = check_ip_port("127.0.0.1", 9);
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
@@ -239,14 +251,56 @@ TEST(IpCheckIcmp, EchoRequestMatchesIndependentlyBuiltOne) {
   const auto requests = sniffer.Drain(8, OwnIdentifier());
   ASSERT_EQ(1u, requests.size());
   EXPECT_EQ(ExpectedEchoRequest(OwnIdentifier()), requests[0]);
+  // Only two words are non-zero: 0x0800 (type, code) and the identifier.
+  uint32_t sum = 0x0800u + OwnIdentifier();
+  sum = (sum >> 16) + (sum & 0xFFFF);
+  EXPECT_EQ(static_cast<uint16_t>(~sum), (requests[0][2] << 8) | requests[0][3]);
   EXPECT_EQ(0, ReferenceChecksum(requests[0].data(), requests[0].size()));  // verifies
 }
 
-TEST(IpCheckIcmp, ChecksumOfAKnownRequest) {
+TEST(IpCheckIcmp, ReferenceChecksumOfAKnownRequest) {
   // Identifier 0x1234: words 0x0800 + 0x1234 = 0x1A34, complement 0xE5CB.
   const Packet request = ExpectedEchoRequest(0x1234);
   EXPECT_EQ(0xE5, request[2]);
   EXPECT_EQ(0xCB, request[3]);
+}
+
+TEST(IpCheckIcmp, TimeoutGoesToOption0x1007AsTimeval) {
+  REQUIRE_ROOT();
+  gTimeoutOptionCalls.clear();
+  check_ip_by_icmp("127.0.0.1", 2500, 1);
+  ASSERT_EQ(1u, gTimeoutOptionCalls.size());
+  EXPECT_EQ(static_cast<socklen_t>(sizeof(timeval)), gTimeoutOptionCalls[0].length);
+  EXPECT_EQ(2, gTimeoutOptionCalls[0].value.tv_sec);
+  EXPECT_EQ(500000, gTimeoutOptionCalls[0].value.tv_usec);
+  EXPECT_EQ(-1, gTimeoutOptionCalls[0].result);  // not a receive time-out: it fails
+}
+
+TEST(IpCheckIcmp, FailedSendIsReportedAndPausesHalfASecond) {
+  REQUIRE_ROOT();
+  Diagnostics diag;
+  gFailSends = true;
+  const auto start = Clock::now();
+  const bool replied = check_ip_by_icmp("127.0.0.1", 1000, 1);
+  const double elapsed = SecondsSince(start);
+  gFailSends = false;
+  EXPECT_FALSE(replied);
+  EXPECT_EQ(2u, DiagCapture::Count("\"Error:\" \"Failed to send ICMP Echo Request\""));
+  EXPECT_GE(elapsed, 0.95);  // two attempts, half a second each
+  EXPECT_LT(elapsed, 10.0);
+}
+
+TEST(IpCheckIcmp, FailedReceiveIsReportedWithoutPause) {
+  REQUIRE_ROOT();
+  Diagnostics diag;
+  gFailReceives = true;
+  const auto start = Clock::now();
+  const bool replied = check_ip_by_icmp("127.0.0.1", 1000, 2);
+  const double elapsed = SecondsSince(start);
+  gFailReceives = false;
+  EXPECT_FALSE(replied);
+  EXPECT_EQ(3u, DiagCapture::Count("\"Error:\" \"Failed to receive ICMP Echo Reply\""));
+  EXPECT_LT(elapsed, 1.4);  // three half-second pauses would take 1.5 s
 }
 
 TEST(IpCheckIcmp, ZeroRetriesMakesExactlyOneAttempt) {
@@ -278,7 +332,7 @@ TEST(IpCheckIcmp, NegativeRetriesSendNothing) {
   REQUIRE_ROOT();
   IcmpSniffer sniffer;
   ASSERT_TRUE(sniffer.ok());
-  DiagCapture diag;
+  Diagnostics diag;
   EXPECT_FALSE(check_ip_by_icmp("127.0.0.1", 1000, -1));
   EXPECT_TRUE(sniffer.Drain(8, OwnIdentifier()).empty());
   EXPECT_TRUE(DiagCapture::Lines().empty());
@@ -299,7 +353,7 @@ TEST(IpCheckIcmp, ReplyWithAnotherIdentifierFailsTheAttempt) {
 
 TEST(IpCheckIcmp, InvalidAddressTextIsRefused) {
   REQUIRE_ROOT();
-  DiagCapture diag;
+  Diagnostics diag;
   EXPECT_FALSE(check_ip_by_icmp("300.1.1.1", 1000, 0));
   const auto lines = DiagCapture::Lines();
   ASSERT_EQ(1u, lines.size());
@@ -325,7 +379,7 @@ int RunUnprivileged(Body body) {
 
 TEST(IpCheckIcmp, WithoutSuperuserSocketCannotBeCreated) {
   const int status = RunUnprivileged([] {
-    DiagCapture diag;
+    Diagnostics diag;
     if (check_ip_by_icmp("127.0.0.1", 1000, 0)) return 1;
     const auto lines = DiagCapture::Lines();
     if (lines.size() != 1 || lines[0].level != 7) return 2;
@@ -337,12 +391,44 @@ TEST(IpCheckIcmp, WithoutSuperuserSocketCannotBeCreated) {
 
 }  // namespace
 
+template <typename Fn>
+Fn RealFunction(const char* name) {
+  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
 extern "C" ssize_t sendto(int fd, const void* buf, size_t len, int flags, const sockaddr* to,
                           socklen_t to_len) {
   using SendTo = ssize_t (*)(int, const void*, size_t, int, const sockaddr*, socklen_t);
-  static const auto real = reinterpret_cast<SendTo>(dlsym(RTLD_NEXT, "sendto"));
+  static const auto real = RealFunction<SendTo>("sendto");
+  if (gFailSends) {
+    errno = ENOBUFS;
+    return -1;
+  }
   const int identifier = gRewriteIdentifier.load();
   if (identifier < 0 || len != kEchoSize) return real(fd, buf, len, flags, to, to_len);
   const Packet rewritten = ExpectedEchoRequest(static_cast<uint16_t>(identifier));
   return real(fd, rewritten.data(), rewritten.size(), flags, to, to_len);
+}
+
+extern "C" ssize_t recvfrom(int fd, void* buf, size_t len, int flags, sockaddr* from,
+                            socklen_t* from_len) {
+  using RecvFrom = ssize_t (*)(int, void*, size_t, int, sockaddr*, socklen_t*);
+  static const auto real = RealFunction<RecvFrom>("recvfrom");
+  if (gFailReceives) {
+    errno = EINTR;
+    return -1;
+  }
+  return real(fd, buf, len, flags, from, from_len);
+}
+
+extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t length) {
+  using SetSockOpt = int (*)(int, int, int, const void*, socklen_t);
+  static const auto real = RealFunction<SetSockOpt>("setsockopt");
+  const int result = real(fd, level, name, value, length);
+  if (level == SOL_SOCKET && name == 0x1007) {
+    SockoptCall call{result, length, {}};
+    std::memcpy(&call.value, value, std::min<size_t>(length, sizeof(call.value)));
+    gTimeoutOptionCalls.push_back(call);
+  }
+  return result;
 }
