@@ -286,6 +286,7 @@ TEST(IpCheckIcmp, FailedSendIsReportedAndPausesHalfASecond) {
   gFailSends = false;
   EXPECT_FALSE(replied);
   EXPECT_EQ(2u, DiagCapture::Count("\"Error:\" \"Failed to send ICMP Echo Request\""));
+  EXPECT_EQ(2u, DiagCapture::Count("ip_check.cpp check_ip_by_icmp("));
   EXPECT_GE(elapsed, 0.95);  // two attempts, half a second each
   EXPECT_LT(elapsed, 10.0);
 }
@@ -300,6 +301,7 @@ TEST(IpCheckIcmp, FailedReceiveIsReportedWithoutPause) {
   gFailReceives = false;
   EXPECT_FALSE(replied);
   EXPECT_EQ(3u, DiagCapture::Count("\"Error:\" \"Failed to receive ICMP Echo Reply\""));
+  EXPECT_EQ(3u, DiagCapture::Count("ip_check.cpp check_ip_by_icmp("));
   EXPECT_LT(elapsed, 1.4);  // three half-second pauses would take 1.5 s
 }
 

@@ -61,26 +61,6 @@ bool IsOwnEchoReply(const unsigned char (&packet)[kReplyBufferSize]) {
   return icmp[0] == kIcmpEchoReply && id == EchoIdentifier();
 }
 
-bool EchoAttempt(int sock, const sockaddr_in& target,
-                 const unsigned char (&request)[kEchoRequestSize]) {
-  if (sendto(sock, request, sizeof(request), 0, reinterpret_cast<const sockaddr*>(&target),
-             sizeof(target)) <= 0) {
-    ZEL_ERROR("Failed to send ICMP Echo Request");
-    usleep(kSendFailurePauseUs);
-    return false;
-  }
-  unsigned char reply[kReplyBufferSize] = {};
-  sockaddr_in from;
-  socklen_t from_len = sizeof(from);
-  const ssize_t received =
-      recvfrom(sock, reply, sizeof(reply), 0, reinterpret_cast<sockaddr*>(&from), &from_len);
-  if (received <= 0) {
-    ZEL_ERROR("Failed to receive ICMP Echo Reply");
-    return false;
-  }
-  return IsOwnEchoReply(reply);
-}
-
 }  // namespace
 
 extern "C" bool check_ip_port(const std::string& ip, int port) {
@@ -141,8 +121,23 @@ extern "C" bool check_ip_by_icmp(const std::string& ip, int timeout_ms, int retr
   unsigned char request[kEchoRequestSize];
   BuildEchoRequest(request);
   bool replied = false;
+  // The attempts stay in this function: its name goes into the diagnostics.
   for (long long attempt = 0; attempt <= retries && !replied; ++attempt) {
-    replied = EchoAttempt(sock, target, request);
+    if (sendto(sock, request, sizeof(request), 0, reinterpret_cast<const sockaddr*>(&target),
+               sizeof(target)) <= 0) {
+      ZEL_ERROR("Failed to send ICMP Echo Request");
+      usleep(kSendFailurePauseUs);
+      continue;
+    }
+    unsigned char reply[kReplyBufferSize] = {};
+    sockaddr_in from;
+    socklen_t from_len = sizeof(from);
+    if (recvfrom(sock, reply, sizeof(reply), 0, reinterpret_cast<sockaddr*>(&from), &from_len) <=
+        0) {
+      ZEL_ERROR("Failed to receive ICMP Echo Reply");
+      continue;
+    }
+    replied = IsOwnEchoReply(reply);  // anything else fails the attempt, no pause
   }
   close(sock);
   return replied;
