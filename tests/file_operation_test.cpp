@@ -101,9 +101,11 @@ class FileTest : public ::testing::Test {
     const std::string command = "rm -rf '" + scratch_ + "'";
     EXPECT_EQ(0, std::system(command.c_str()));
   }
-  // A unique file name whose "/tmp/" file is removed after the test.
-  std::string TmpFileName(const std::string& stem) {
-    const std::string name = UniqueName(stem);
+  // A unique file name (stem + number + suffix) whose "/tmp/" file is
+  // removed after the test.
+  std::string TmpFileName(const std::string& stem, const std::string& suffix = "",
+                          const std::string& prefix = "") {
+    const std::string name = prefix + UniqueName(stem) + suffix;
     cleanup_.push_back("/tmp/" + name);
     return name;
   }
@@ -213,8 +215,7 @@ TEST_F(PrinterFile, PathWithoutSeparatorFailsToGiveFileName) {
 
 TEST_F(PrinterFile, LocalNameJoinsFolderBackslashIdsLabelAndFileName) {
   Diagnostics diag;
-  const std::string name = TmpFileName("doc") + ".prn";
-  cleanup_.push_back("/tmp/" + name);
+  const std::string name = TmpFileName("doc", ".prn");
   std::string local_name;
   ASSERT_EQ(0, Save(Chunk(7, 2, "x/" + name, 5, 0, "hello"), "user_", local_name));
   const std::string expected = GetAppDataPath() + "\\7_2_user_" + name;
@@ -247,8 +248,7 @@ TEST_F(PrinterFile, DiagnosticsOfASuccessfulChunk) {
 }
 
 TEST_F(PrinterFile, BackslashPathGivesNameAfterLastBackslash) {
-  const std::string name = TmpFileName("bs") + ".prn";
-  cleanup_.push_back("/tmp/" + name);
+  const std::string name = TmpFileName("bs", ".prn");
   std::string local_name;
   ASSERT_EQ(0, Save(Chunk(3, 4, "C:\\spool\\" + name, 2, 0, "ok"), "job_", local_name));
   EXPECT_EQ(GetAppDataPath() + "\\3_4_job_" + name, local_name);
@@ -256,9 +256,7 @@ TEST_F(PrinterFile, BackslashPathGivesNameAfterLastBackslash) {
 }
 
 TEST_F(PrinterFile, SlashAnywhereWinsOverBackslashes) {
-  const std::string stem = TmpFileName("mixed");
-  const std::string name = "b\\" + stem + ".prn";
-  cleanup_.push_back("/tmp/" + name);
+  const std::string name = TmpFileName("mixed", ".prn", "b\\");
   std::string local_name;
   ASSERT_EQ(0, Save(Chunk(3, 4, "a/" + name, 2, 0, "ok"), "", local_name));
   EXPECT_EQ(GetAppDataPath() + "\\3_4_" + name, local_name);
@@ -372,8 +370,11 @@ TEST_F(PrinterFile, SymlinkPlantedAtTmpNameIsRefusedAndTargetUntouched) {
   const std::string target = scratch_ + "/victim";
   WriteFile(target, "precious");
   ASSERT_EQ(0, symlink(target.c_str(), ("/tmp/" + name).c_str()));
+  Diagnostics diag;
   std::string local_name;
   EXPECT_EQ(-1, Save(Chunk(7, 2, "x/" + name, 5, 0, "owned"), "user_", local_name));
+  EXPECT_EQ(0u, DiagCapture::Count("file write start"));  // refused at open, silently
+  EXPECT_EQ(0u, DiagCapture::Count("\"Error:\""));
   EXPECT_EQ("precious", ReadFile(target));
   EXPECT_TRUE(IsSymlink("/tmp/" + name));
 }

@@ -327,7 +327,8 @@ TEST(IpCheckIcmp, TwoRetriesMakeAtMostThreeAttempts) {
 
 TEST(IpCheckIcmp, LoopbackAnswersWithinRetries) {
   REQUIRE_ROOT();
-  EXPECT_TRUE(check_ip_by_icmp("127.0.0.1", 1000, 5));
+  // Generous retries: ICMP traffic of other processes also takes attempts.
+  EXPECT_TRUE(check_ip_by_icmp("127.0.0.1", 1000, 20));
 }
 
 TEST(IpCheckIcmp, NegativeRetriesSendNothing) {
