@@ -389,14 +389,30 @@ TEST_F(PrinterFile, DanglingSymlinkIsNotFollowedToCreateItsTarget) {
 }
 
 TEST_F(PrinterFile, DotDotDotAndEmptyNamesFailCleanly) {
-  for (const std::string path : {"x/..", "x/.", "x/", "..\\..\\", "\\"}) {
-    SCOPED_TRACE(path);
+  struct Case {
+    const char* path;
+    const char* file_name;
+  };
+  for (const Case& c : {Case{"x/..", ".."}, Case{"x/.", "."}, Case{"x/", ""},
+                        Case{"..\\..\\", ""}, Case{"\\", ""}}) {
+    SCOPED_TRACE(c.path);
     std::string local_name;
-    EXPECT_EQ(-1, Save(Chunk(7, 2, path, 4, 4, "data"), "user_", local_name));
+    // Named (an empty name is not refused as such), then /tmp itself fails to open.
+    EXPECT_EQ(-1, Save(Chunk(7, 2, c.path, 4, 4, "data"), "user_", local_name));
+    EXPECT_EQ(GetAppDataPath() + "\\7_2_user_" + c.file_name, local_name);
   }
   struct stat st;
   ASSERT_EQ(0, lstat("/tmp", &st));
   EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST_F(PrinterFile, LocalNameIsCutTo259Characters) {
+  const std::string name = TmpFileName("long");
+  std::string local_name;
+  ASSERT_EQ(0, Save(Chunk(7, 2, "x/" + name, 1, 0, "z"), std::string(300, 'L'), local_name));
+  const std::string full = GetAppDataPath() + "\\7_2_" + std::string(300, 'L') + name;
+  EXPECT_EQ(full.substr(0, 259), local_name);
+  EXPECT_EQ("z", ReadFile("/tmp/" + name));
 }
 
 TEST_F(PrinterFile, NoSlashSurvivesInTheFileName) {
