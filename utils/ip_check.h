@@ -1,0 +1,34 @@
+// Reachability checks run before the client uses a server. Both take an IPv4
+// address in dotted text (no host names), create one socket, use it and
+// close it; reentrant, all state on the caller's stack. Diagnostics go to the
+// library's diagnostic log; nothing is thrown.
+#pragma once
+
+#include <string>
+
+#include "utils/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// True when a TCP connection to ip:port completes within one second
+// (non-blocking connect, then select for writability). Blocks the caller for
+// up to about a second. Text that is not a dotted IPv4 address tries 0.0.0.0.
+ZEL_API bool check_ip_port(const std::string& ip, int port);
+
+// True when an ICMP echo reply carrying this process's identifier (low 16
+// bits of getpid()) is received within `retries` + 1 attempts; false at once
+// for negative `retries`. Each attempt sends one 28-byte echo request and
+// receives one ICMP packet: any other packet (this host's own request on
+// loopback included) fails that attempt. Needs a raw socket (superuser).
+//
+// `timeout_ms` is handed to setsockopt with option number 0x1007, which is
+// SO_ERROR on macOS, not SO_RCVTIMEO: the call fails and no receive time-out
+// is set, so each receive waits until some ICMP packet arrives. Kept so on
+// purpose.
+ZEL_API bool check_ip_by_icmp(const std::string& ip, int timeout_ms, int retries);
+
+#ifdef __cplusplus
+}
+#endif
