@@ -1,13 +1,21 @@
 #include "client/tracer.h"
 
+#include <map>
 #include <mutex>
+#include <stdexcept>
 
 namespace {
 std::mutex gMutex;
 std::vector<TracerCall> gCalls;
+std::map<std::string, int> gThrowCounts;  // function -> calls left that throw
 
 void Record(TracerCall call) {
   std::lock_guard<std::mutex> lock(gMutex);
+  auto pending = gThrowCounts.find(call.function);
+  if (pending != gThrowCounts.end() && pending->second > 0) {
+    --pending->second;
+    throw std::runtime_error("stand-in Tracer::" + call.function + " failed");
+  }
   gCalls.push_back(std::move(call));
 }
 }  // namespace
@@ -32,4 +40,9 @@ std::vector<TracerCall> TracerRecordedCalls() {
 void TracerClearRecordedCalls() {
   std::lock_guard<std::mutex> lock(gMutex);
   gCalls.clear();
+}
+
+void TracerThrowFromNextCalls(const std::string& function, int count) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gThrowCounts[function] = count;
 }

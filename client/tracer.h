@@ -23,3 +23,6 @@ struct TracerCall {
 // Test access to the stand-in (thread-safe).
 std::vector<TracerCall> TracerRecordedCalls();
 void TracerClearRecordedCalls();
+// Test hook: the next `count` calls of `function` ("post" or "traceRaw")
+// throw std::runtime_error instead of recording; 0 ends it.
+void TracerThrowFromNextCalls(const std::string& function, int count);
