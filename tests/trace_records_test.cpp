@@ -3,7 +3,6 @@
 #include <json/json.h>
 
 #include <memory>
-#include <regex>
 #include <tuple>
 
 #include "support/trace_backends.h"
@@ -33,9 +32,7 @@ class TraceRecords : public testing::Test {
   zeltest::RecordingBackend backend;
 };
 
-bool IsSpanId(const std::string& text) {
-  return std::regex_match(text, std::regex("[0-9a-f]{16}"));
-}
+bool IsSpanId(const std::string& text) { return zeltest::IsLowerHex(text, 16); }
 
 // ---- keys ----
 

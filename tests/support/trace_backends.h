@@ -82,6 +82,15 @@ class RecordingBackend : public zel::TracerBackend {
   bool throw_ = false;
 };
 
+// True when `text` is exactly `digits` lower-case hexadecimal digits.
+inline bool IsLowerHex(const std::string& text, size_t digits) {
+  if (text.size() != digits) return false;
+  for (char c : text) {
+    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+  }
+  return true;
+}
+
 // A process context whose values the test sets directly.
 class FixedContext : public zel::ZelProcessContextBase {
  public:
