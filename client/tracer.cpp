@@ -7,13 +7,18 @@
 namespace {
 std::mutex gMutex;
 std::vector<TracerCall> gCalls;
-std::map<std::string, int> gThrowCounts;  // function -> calls left that throw
+struct PendingThrows {
+  int count = 0;
+  bool nonStandard = false;
+};
+std::map<std::string, PendingThrows> gThrows;  // by function name
 
 void Record(TracerCall call) {
   std::lock_guard<std::mutex> lock(gMutex);
-  auto pending = gThrowCounts.find(call.function);
-  if (pending != gThrowCounts.end() && pending->second > 0) {
-    --pending->second;
+  auto pending = gThrows.find(call.function);
+  if (pending != gThrows.end() && pending->second.count > 0) {
+    --pending->second.count;
+    if (pending->second.nonStandard) throw 42;
     throw std::runtime_error("stand-in Tracer::" + call.function + " failed");
   }
   gCalls.push_back(std::move(call));
@@ -42,7 +47,7 @@ void TracerClearRecordedCalls() {
   gCalls.clear();
 }
 
-void TracerThrowFromNextCalls(const std::string& function, int count) {
+void TracerThrowFromNextCalls(const std::string& function, int count, bool nonStandard) {
   std::lock_guard<std::mutex> lock(gMutex);
-  gThrowCounts[function] = count;
+  gThrows[function] = {count, nonStandard};
 }

@@ -24,5 +24,6 @@ struct TracerCall {
 std::vector<TracerCall> TracerRecordedCalls();
 void TracerClearRecordedCalls();
 // Test hook: the next `count` calls of `function` ("post" or "traceRaw")
-// throw std::runtime_error instead of recording; 0 ends it.
-void TracerThrowFromNextCalls(const std::string& function, int count);
+// throw instead of recording (std::runtime_error, or a plain int when
+// `nonStandard` is set); 0 ends it.
+void TracerThrowFromNextCalls(const std::string& function, int count, bool nonStandard = false);

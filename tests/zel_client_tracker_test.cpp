@@ -175,6 +175,15 @@ TEST_F(ZelClientTracker, SendTraceAttrCatchesTheLibrarysExceptionAndTakesTheNext
   EXPECT_EQ("close", call.args[4]);
 }
 
+TEST_F(ZelClientTracker, SendTraceAttrCatchesExceptionsOfAnyType) {
+  TracerThrowFromNextCalls("traceRaw", 1, /*nonStandard=*/true);
+  Attrs attrs;
+  EXPECT_NO_THROW(tracker.SendTraceAttr("t1", "s1", "open", attrs, "p1"));
+  EXPECT_EQ(1u, DiagCapture::Count("Exception occurred in SendTraceAttr, traceId:t1 event:open"));
+  tracker.SendTraceAttr("t2", "s2", "close", attrs, "p2");
+  EXPECT_EQ("t2", OnlyTracerCall().args[2]);
+}
+
 // ---- behind the tracer ----
 
 TEST_F(ZelClientTracker, StepRecordsReachTracerPostAsJsonText) {
