@@ -23,3 +23,7 @@ struct TracerCall {
 // Test access to the stand-in (thread-safe).
 std::vector<TracerCall> TracerRecordedCalls();
 void TracerClearRecordedCalls();
+// Test hook: the next `count` calls of `function` ("post" or "traceRaw")
+// throw instead of recording (std::runtime_error, or a plain int when
+// `nonStandard` is set); 0 ends it.
+void TracerThrowFromNextCalls(const std::string& function, int count, bool nonStandard = false);
