@@ -8,6 +8,9 @@ int main() {
   std::printf("== zel_demo: a client process using libzel_utils ==\n");
   demo::Process();
   demo::Loops();
+  demo::Tracing();
+  demo::Config();
+  demo::Utilities();
   std::printf("== zel_demo done ==\n");
   return 0;
 }

@@ -2,6 +2,9 @@
 #pragma once
 
 namespace demo {
-void Loops();    // Looper, Worker, Timer
-void Process();  // ZelEnv and process information
+void Process();    // ZelEnv and process information
+void Loops();      // Looper, Worker, Timer
+void Tracing();    // tracer, client tracker, trace records
+void Config();     // ConfigParser, settings file, application paths
+void Utilities();  // string helpers, printer files, reachability
 }  // namespace demo

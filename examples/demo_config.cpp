@@ -10,9 +10,6 @@
 #include "utils/config_parser.h"
 #include "utils/key_store.h"
 
-namespace demo {
-void Config();  // ConfigParser, application paths
-}  // namespace demo
 
 void demo::Config() {
   std::printf("-- ConfigParser and application paths --\n");

@@ -3,14 +3,12 @@
 #include <string>
 
 #include "client/tracer.h"
+#include "demo.h"
 #include "utils/trace_keys.h"
 #include "utils/zel_client_tracker.h"
 #include "utils/zel_env.h"
 #include "utils/zel_tracer.h"
 
-namespace demo {
-void Tracing();
-}  // namespace demo
 
 namespace {
 // One call that reached the client's tracing library, content indented.

@@ -15,9 +15,6 @@
 #include "utils/ip_check.h"
 #include "utils/string_utils.h"
 
-namespace demo {
-void Utilities();
-}  // namespace demo
 
 namespace {
 

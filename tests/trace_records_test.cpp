@@ -340,6 +340,8 @@ struct CidsCase {
   std::vector<unsigned int> codes;
   std::string text;
 };
+// Keeps the generated test names short and stable (no raw bytes of the case).
+void PrintTo(const CidsCase& c, std::ostream* out) { *out << c.name; }
 
 class CidsToString : public testing::TestWithParam<CidsCase> {};
 TEST_P(CidsToString, GivesOnePiecePerCode) {
