@@ -7,3 +7,18 @@
 #else
 #define ZEL_API __attribute__((visibility("default")))
 #endif
+
+// Brackets C-linkage declarations that take or return C++ types (every client
+// is C++): the symbols keep their plain names, and clang's warning about a
+// C++ result type under C linkage is quieted for just those lines.
+#if defined(__clang__)
+#define ZEL_BEGIN_C_LINKAGE                                            \
+  _Pragma("clang diagnostic push")                                     \
+  _Pragma("clang diagnostic ignored \"-Wreturn-type-c-linkage\"") extern "C" {
+#define ZEL_END_C_LINKAGE \
+  }                       \
+  _Pragma("clang diagnostic pop")
+#else
+#define ZEL_BEGIN_C_LINKAGE extern "C" {
+#define ZEL_END_C_LINKAGE }
+#endif

@@ -8,9 +8,7 @@
 
 #include "utils/export.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+ZEL_BEGIN_C_LINKAGE
 
 // True when a TCP connection to ip:port completes within one second
 // (non-blocking connect, then select for writability). Blocks the caller for
@@ -29,6 +27,4 @@ ZEL_API bool check_ip_port(const std::string& ip, int port);
 // purpose.
 ZEL_API bool check_ip_by_icmp(const std::string& ip, int timeout_ms, int retries);
 
-#ifdef __cplusplus
-}
-#endif
+ZEL_END_C_LINKAGE

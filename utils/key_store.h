@@ -9,15 +9,7 @@
 
 #include "utils/export.h"
 
-#if defined(__clang__)
-#pragma clang diagnostic push
-// GetAppRootPath/GetAppDataPath have C linkage but return std::string.
-#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
-#endif
-
-#ifdef __cplusplus
-extern "C" {
-#endif
+ZEL_BEGIN_C_LINKAGE
 
 // The settings path in a malloc'ed string (caller frees); NULL if allocation fails.
 ZEL_API char* GetConfigFilePath(void);
@@ -43,10 +35,4 @@ ZEL_API std::string GetAppRootPath();
 // The log folder inside it: ".../orvane/log/"; "" as GetAppRootPath.
 ZEL_API std::string GetAppDataPath();
 
-#ifdef __cplusplus
-}
-#endif
-
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#endif
+ZEL_END_C_LINKAGE

@@ -6,15 +6,7 @@
 
 #include "utils/export.h"
 
-#if defined(__clang__)
-#pragma clang diagnostic push
-// These C-linkage functions return std::string; clients are C++.
-#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
-#endif
-
-#ifdef __cplusplus
-extern "C" {
-#endif
+ZEL_BEGIN_C_LINKAGE
 
 // Folder of the running executable, without a trailing "/".
 ZEL_API std::string get_self_dir();
@@ -26,13 +18,7 @@ ZEL_API int IsMultiUserEnv(void);
 // Does nothing: kept for the client's interface.
 ZEL_API void SendScreenRecorderMsg(void);
 
-#ifdef __cplusplus
-}
-#endif
-
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#endif
+ZEL_END_C_LINKAGE
 
 // Real user id of the first running process whose executable file name is
 // exactly `name`, or -1 when there is none (every failure is -1, silently).

@@ -30,21 +30,11 @@ class ZEL_API QuilTracer : public TracerBackend {
 
 }  // namespace zel
 
-#if defined(__clang__)
-#pragma clang diagnostic push
-// A C-linkage export that returns std::string; its callers are C++.
-#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
-#endif
-
-extern "C" {
+ZEL_BEGIN_C_LINKAGE
 // Returns "" and prints "quil create traceId:%s spanId:%s\n" to standard
 // output; `spanId` is left unchanged. The tracer calls it when it is built.
 ZEL_API std::string quil_create_traceId(std::string& spanId);
 // Do nothing.
 ZEL_API void post_trace_by_quil(void);
 ZEL_API void register_tavagent_handler(void);
-}
-
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#endif
+ZEL_END_C_LINKAGE

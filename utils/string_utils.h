@@ -9,15 +9,7 @@
 
 #include "utils/export.h"
 
-#if defined(__clang__)
-#pragma clang diagnostic push
-// split_strings has C linkage but returns std::vector.
-#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
-#endif
-
-#ifdef __cplusplus
-extern "C" {
-#endif
+ZEL_BEGIN_C_LINKAGE
 
 // Splits `str` at the first `sep` into `key` and `value` (neither trimmed,
 // either may be empty); returns 0. Returns -1 and leaves both untouched when
@@ -52,10 +44,4 @@ ZEL_API bool check_brackets(const char* text);
 // text does not start with a digit or letter. `text` must not be null.
 ZEL_API int zel_htoi(const char* text);
 
-#ifdef __cplusplus
-}
-#endif
-
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#endif
+ZEL_END_C_LINKAGE
