@@ -198,11 +198,10 @@ TEST(EventManager, CallbacksRunOnTheEventThreadOneAtATime) {
     auto* p = static_cast<Probe*>(arg);
     if (p->inside.fetch_add(1) != 0) p->overlap = true;
     std::this_thread::sleep_for(2ms);
-    {
-      std::lock_guard<std::mutex> lock(p->mutex);
-      p->threads.push_back(std::this_thread::get_id());
-    }
     p->inside.fetch_sub(1);
+    // Last step: once the count is complete the test may end.
+    std::lock_guard<std::mutex> lock(p->mutex);
+    p->threads.push_back(std::this_thread::get_id());
   };
   Events().registerEvent("e", callback, &probe);
 
@@ -317,9 +316,9 @@ struct Rewire {
 
 void RegisterAnotherAndUnregisterSelf(void* arg) {
   auto* rewire = static_cast<Rewire*>(arg);
-  rewire->log->Add("rewire");
   Events().registerEvent("e", &Record, rewire->added);
   Events().unregisterEvent("e", &RegisterAnotherAndUnregisterSelf);
+  rewire->log->Add("rewire");
 }
 
 TEST(EventManager, CallbackMayRegisterAndUnregister) {
