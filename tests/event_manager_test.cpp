@@ -80,11 +80,20 @@ class Gate {
   std::promise<void> entered_;
 };
 
-// stop() notifies without the lock, so it is only called once the event
-// thread went back to waiting.
+// stop() notifies without the lock: called while the event thread is between
+// its test and its wait, the notification is lost and the join never returns.
+// So it is only called once the event thread went back to waiting.
 void LetEventThreadIdle() { std::this_thread::sleep_for(100ms); }
 
 zel::EventManager& Events() { return zel::EventManager::getInstance(); }
+
+// The manager is destroyed at exit, and its destructor calls stop(): give the
+// event thread time to go back to waiting after the test's last callback.
+class IdleBeforeExit : public testing::Environment {
+ public:
+  void TearDown() override { LetEventThreadIdle(); }
+};
+testing::Environment* const idle_before_exit = testing::AddGlobalTestEnvironment(new IdleBeforeExit);
 
 TEST(EventManager, GetInstanceReturnsTheSameObject) {
   EXPECT_EQ(&zel::EventManager::getInstance(), &zel::EventManager::getInstance());
@@ -349,6 +358,7 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
 }
 
 TEST(EventManager, SecondStopReturnsAtOnce) {
+  Events();
   LetEventThreadIdle();
   Events().stop();
   const auto start = std::chrono::steady_clock::now();
