@@ -9,7 +9,6 @@
 #include <condition_variable>
 #include <functional>
 #include <future>
-#include <map>
 #include <mutex>
 #include <random>
 #include <string>
@@ -272,14 +271,15 @@ TEST(MsgBus, PublicationInBetweenMakesDueMessageNoticedAtOnce) {
   zel::MsgBus bus;
   bus.Subscribe(kType, sub);
   ASSERT_EQ(0, bus.Start());
-  // The bus sees the delayed message, finds it not due and sleeps up to a second.
-  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1), 50));
-  std::this_thread::sleep_for(150ms);
+  std::this_thread::sleep_for(100ms);
+  // The bus wakes for the delayed message, finds it not due and sleeps up to a second.
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1), 100));
+  std::this_thread::sleep_for(250ms);
   ASSERT_TRUE(log.All().empty()) << "delivered before the bus's one-second wait ended";
   const long long nudge_at = WallMs();
   ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kOtherType, 2)));
   ASSERT_TRUE(log.WaitForCount(1, 5s));
-  // Without the wake-up it would have waited for the rest of the second (~850 ms).
+  // Without the wake-up it would have waited for the rest of the second (~750 ms).
   EXPECT_LT(log.All().at(0).at_ms - nudge_at, 500);
   EXPECT_EQ(0, bus.Stop());
 }
