@@ -1,0 +1,369 @@
+#include "utils/event_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Each test case runs in its own process, so every test gets a fresh manager.
+namespace {
+
+using namespace std::chrono_literals;
+
+// What the callbacks did, in call order.
+class CallLog {
+ public:
+  void Add(const std::string& entry) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(entry);
+    cond_.notify_all();
+  }
+  bool WaitForCount(size_t n, std::chrono::milliseconds timeout = 5s) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, timeout, [&] { return calls_.size() >= n; });
+  }
+  std::vector<std::string> Calls() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  std::vector<std::string> calls_;
+};
+
+// The context word handed to a callback: where to record, under which label.
+struct Tag {
+  CallLog* log;
+  std::string label;
+};
+
+void Record(void* arg) {
+  auto* tag = static_cast<Tag*>(arg);
+  tag->log->Add(tag->label);
+}
+
+// A second function, so that unregistering one leaves the other.
+void RecordToo(void* arg) {
+  auto* tag = static_cast<Tag*>(arg);
+  tag->log->Add(tag->label + "'");
+}
+
+// Holds the event thread inside a callback until Open(), so that later
+// sendings pile up in the queue.
+class Gate {
+ public:
+  static void Block(void* arg) {
+    auto* gate = static_cast<Gate*>(arg);
+    gate->entered_.set_value();
+    gate->opened_.wait();
+  }
+  // Registers the blocking callback under "gate", sends it and waits until
+  // the event thread is inside it.
+  void Close() {
+    zel::EventManager::getInstance().registerEvent("gate", &Gate::Block, this);
+    zel::EventManager::getInstance().sendEvent("gate");
+    entered_.get_future().wait();
+  }
+  void Open() { open_.set_value(); }
+
+ private:
+  std::promise<void> open_;
+  std::shared_future<void> opened_{open_.get_future().share()};
+  std::promise<void> entered_;
+};
+
+// stop() notifies without the lock: called while the event thread is between
+// its test and its wait, the notification is lost and the join never returns.
+// So it is only called once the event thread went back to waiting.
+void LetEventThreadIdle() { std::this_thread::sleep_for(100ms); }
+
+zel::EventManager& Events() { return zel::EventManager::getInstance(); }
+
+// The manager is destroyed at exit, and its destructor calls stop(): give the
+// event thread time to go back to waiting after the test's last callback.
+class IdleBeforeExit : public testing::Environment {
+ public:
+  void TearDown() override { LetEventThreadIdle(); }
+};
+testing::Environment* const idle_before_exit = testing::AddGlobalTestEnvironment(new IdleBeforeExit);
+
+TEST(EventManager, GetInstanceReturnsTheSameObject) {
+  EXPECT_EQ(&zel::EventManager::getInstance(), &zel::EventManager::getInstance());
+}
+
+TEST(EventManager, SendEventOfUnknownNameDoesNothing) {
+  CallLog log;
+  Tag tag{&log, "known"};
+  Events().registerEvent("known", &Record, &tag);
+  Events().sendEvent("unknown");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(log.Calls().empty());
+  Events().sendEvent("known");
+  ASSERT_TRUE(log.WaitForCount(1));
+  EXPECT_EQ((std::vector<std::string>{"known"}), log.Calls());
+}
+
+TEST(EventManager, CallbacksRunInRegistrationOrderWithTheirArguments) {
+  CallLog log;
+  Tag a{&log, "a"}, b{&log, "b"}, c{&log, "c"};
+  Events().registerEvent("e", &Record, &a);
+  Events().registerEvent("e", &RecordToo, &b);
+  Events().registerEvent("e", &Record, &c);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(3));
+  EXPECT_EQ((std::vector<std::string>{"a", "b'", "c"}), log.Calls());
+}
+
+TEST(EventManager, SameFunctionWithTwoArgumentsIsCalledTwicePerSending) {
+  CallLog log;
+  Tag first{&log, "first"}, second{&log, "second"};
+  Events().registerEvent("e", &Record, &first);
+  Events().registerEvent("e", &Record, &second);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(2));
+  EXPECT_EQ((std::vector<std::string>{"first", "second"}), log.Calls());
+}
+
+TEST(EventManager, DuplicatePairIsCalledOncePerAppearance) {
+  CallLog log;
+  Tag tag{&log, "dup"};
+  Events().registerEvent("e", &Record, &tag);
+  Events().registerEvent("e", &Record, &tag);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(2));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ((std::vector<std::string>{"dup", "dup"}), log.Calls());
+}
+
+TEST(EventManager, UnregisterRemovesEveryPairOfThatFunctionWhateverItsArgument) {
+  CallLog log;
+  Tag first{&log, "first"}, other{&log, "other"}, second{&log, "second"};
+  Events().registerEvent("e", &Record, &first);
+  Events().registerEvent("e", &RecordToo, &other);
+  Events().registerEvent("e", &Record, &second);
+  Events().unregisterEvent("e", &Record);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(1));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ((std::vector<std::string>{"other'"}), log.Calls());
+}
+
+TEST(EventManager, UnregisterOfUnknownNameOrFunctionChangesNothing) {
+  CallLog log;
+  Tag tag{&log, "kept"};
+  Events().registerEvent("e", &Record, &tag);
+  Events().unregisterEvent("nobody", &Record);
+  Events().unregisterEvent("e", &RecordToo);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(1));
+  EXPECT_EQ((std::vector<std::string>{"kept"}), log.Calls());
+}
+
+TEST(EventManager, AfterLastUnregisterNameIsUnknownAndStartsAFreshList) {
+  CallLog log;
+  Tag old_tag{&log, "old"}, new_tag{&log, "new"};
+  Events().registerEvent("e", &Record, &old_tag);
+  Events().unregisterEvent("e", &Record);
+  Events().sendEvent("e");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(log.Calls().empty());
+
+  Events().registerEvent("e", &RecordToo, &new_tag);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(1));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ((std::vector<std::string>{"new'"}), log.Calls());
+}
+
+TEST(EventManager, SendEventReturnsWithoutWaitingForCallbacks) {
+  Gate gate;
+  gate.Close();
+  // The event thread is held inside the gate callback; sending does not wait for it.
+  CallLog log;
+  Tag tag{&log, "queued"};
+  Events().registerEvent("e", &Record, &tag);
+  Events().sendEvent("e");
+  EXPECT_TRUE(log.Calls().empty());
+  gate.Open();
+  ASSERT_TRUE(log.WaitForCount(1));
+}
+
+TEST(EventManager, CallbacksRunOnTheEventThreadOneAtATime) {
+  struct Probe {
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlap{false};
+    std::mutex mutex;
+    std::vector<std::thread::id> threads;
+  } probe;
+  auto callback = [](void* arg) {
+    auto* p = static_cast<Probe*>(arg);
+    if (p->inside.fetch_add(1) != 0) p->overlap = true;
+    std::this_thread::sleep_for(2ms);
+    p->inside.fetch_sub(1);
+    // Last step: once the count is complete the test may end.
+    std::lock_guard<std::mutex> lock(p->mutex);
+    p->threads.push_back(std::this_thread::get_id());
+  };
+  Events().registerEvent("e", callback, &probe);
+
+  constexpr int kSenders = 2, kSends = 20;
+  std::vector<std::thread> senders;
+  std::vector<std::thread::id> sender_ids;
+  for (int s = 0; s < kSenders; ++s) {
+    senders.emplace_back([] {
+      for (int i = 0; i < kSends; ++i) Events().sendEvent("e");
+    });
+    sender_ids.push_back(senders.back().get_id());
+  }
+  for (auto& t : senders) t.join();
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (std::chrono::steady_clock::now() < deadline) {
+    {
+      std::lock_guard<std::mutex> lock(probe.mutex);
+      if (probe.threads.size() >= kSenders * kSends) break;
+    }
+    std::this_thread::sleep_for(10ms);
+  }
+
+  std::lock_guard<std::mutex> lock(probe.mutex);
+  ASSERT_EQ(static_cast<size_t>(kSenders * kSends), probe.threads.size());
+  EXPECT_FALSE(probe.overlap);
+  for (const auto& id : probe.threads) {
+    EXPECT_EQ(probe.threads.front(), id);
+    EXPECT_NE(std::this_thread::get_id(), id);
+    for (const auto& sender : sender_ids) EXPECT_NE(sender, id);
+  }
+}
+
+TEST(EventManager, CallbackUnregisteredAfterSendingIsStillCalledForThatSending) {
+  Gate gate;
+  gate.Close();
+  CallLog log;
+  Tag tag{&log, "late"};
+  Events().registerEvent("e", &Record, &tag);
+  Events().sendEvent("e");
+  Events().unregisterEvent("e", &Record);
+  gate.Open();
+  ASSERT_TRUE(log.WaitForCount(1));
+  Events().sendEvent("e");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ((std::vector<std::string>{"late"}), log.Calls());
+}
+
+TEST(EventManager, CallbackRegisteredAfterSendingIsNotCalledForIt) {
+  Gate gate;
+  gate.Close();
+  CallLog log;
+  Tag early{&log, "early"}, late{&log, "late"};
+  Events().registerEvent("e", &Record, &early);
+  Events().sendEvent("e");
+  Events().registerEvent("e", &Record, &late);
+  gate.Open();
+  ASSERT_TRUE(log.WaitForCount(1));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ((std::vector<std::string>{"early"}), log.Calls());
+
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(3));
+  EXPECT_EQ((std::vector<std::string>{"early", "early", "late"}), log.Calls());
+}
+
+TEST(EventManager, SendingTwiceCallsAllOfTheFirstSendingThenAllOfTheSecond) {
+  Gate gate;
+  gate.Close();
+  CallLog log;
+  Tag a{&log, "a"}, b{&log, "b"};
+  Events().registerEvent("e", &Record, &a);
+  Events().registerEvent("e", &Record, &b);
+  Events().sendEvent("e");
+  Events().sendEvent("e");
+  gate.Open();
+  ASSERT_TRUE(log.WaitForCount(4));
+  EXPECT_EQ((std::vector<std::string>{"a", "b", "a", "b"}), log.Calls());
+}
+
+// Context of a callback that sends another event from the event thread.
+struct Chain {
+  CallLog* log;
+  std::string next;
+};
+
+void SendNextThenRecord(void* arg) {
+  auto* chain = static_cast<Chain*>(arg);
+  chain->log->Add("relay start");
+  Events().sendEvent(chain->next);
+  // The event just sent must not run before this callback returned.
+  std::this_thread::sleep_for(50ms);
+  chain->log->Add("relay end");
+}
+
+TEST(EventManager, EventSentFromACallbackRunsAfterItAndAfterWhatWasQueued) {
+  CallLog log;
+  Chain chain{&log, "second"};
+  Tag queued{&log, "queued"}, second{&log, "second"};
+  Events().registerEvent("first", &SendNextThenRecord, &chain);
+  Events().registerEvent("first", &Record, &queued);
+  Events().registerEvent("second", &Record, &second);
+  Events().sendEvent("first");
+  ASSERT_TRUE(log.WaitForCount(4));
+  EXPECT_EQ((std::vector<std::string>{"relay start", "relay end", "queued", "second"}), log.Calls());
+}
+
+// Context of a callback that changes the table from the event thread.
+struct Rewire {
+  CallLog* log;
+  Tag* added;
+};
+
+void RegisterAnotherAndUnregisterSelf(void* arg) {
+  auto* rewire = static_cast<Rewire*>(arg);
+  Events().registerEvent("e", &Record, rewire->added);
+  Events().unregisterEvent("e", &RegisterAnotherAndUnregisterSelf);
+  rewire->log->Add("rewire");
+}
+
+TEST(EventManager, CallbackMayRegisterAndUnregister) {
+  CallLog log;
+  Tag added{&log, "added"};
+  Rewire rewire{&log, &added};
+  Events().registerEvent("e", &RegisterAnotherAndUnregisterSelf, &rewire);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(1));
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(2));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ((std::vector<std::string>{"rewire", "added"}), log.Calls());
+}
+
+TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
+  CallLog log;
+  Tag tag{&log, "e"};
+  Events().registerEvent("e", &Record, &tag);
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(1));
+  LetEventThreadIdle();
+  Events().stop();
+  Events().sendEvent("e");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ((std::vector<std::string>{"e"}), log.Calls());
+  // The process then exits with the sending still queued, never calling it.
+}
+
+TEST(EventManager, SecondStopReturnsAtOnce) {
+  Events();
+  LetEventThreadIdle();
+  Events().stop();
+  const auto start = std::chrono::steady_clock::now();
+  Events().stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+}
+
+}  // namespace

@@ -1,0 +1,62 @@
+#include "utils/event_manager.h"
+
+#include <algorithm>
+
+namespace zel {
+
+EventManager& EventManager::getInstance() {
+  static EventManager instance;
+  return instance;
+}
+
+EventManager::EventManager() { thread = std::thread(&EventManager::processEvents, this); }
+
+EventManager::~EventManager() { stop(); }
+
+void EventManager::registerEvent(const std::string& name, EventCallback callback, void* arg) {
+  std::lock_guard<std::mutex> lock(mutex);
+  events[name].emplace_back(callback, arg);
+}
+
+void EventManager::unregisterEvent(const std::string& name, EventCallback callback) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto entry = events.find(name);
+  if (entry == events.end()) return;
+  auto& pairs = entry->second;
+  pairs.erase(std::remove_if(pairs.begin(), pairs.end(),
+                             [callback](const Entry& e) { return e.first == callback; }),
+              pairs.end());
+  if (pairs.empty()) events.erase(entry);
+}
+
+void EventManager::sendEvent(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto entry = events.find(name);
+  // Copies: what is registered now is what this sending calls.
+  if (entry != events.end()) queue.insert(queue.end(), entry->second.begin(), entry->second.end());
+  cond.notify_one();
+}
+
+void EventManager::processEvents() {
+  while (running) {
+    std::unique_lock<std::mutex> lock(mutex);
+    cond.wait(lock, [this] { return !queue.empty() || !running; });
+    while (!queue.empty() && running) {
+      const Entry entry = queue.front();
+      queue.pop_front();
+      // Outside the lock, so that a callback may register, unregister or send.
+      lock.unlock();
+      if (running) entry.first(entry.second);
+      lock.lock();
+    }
+  }
+}
+
+void EventManager::stop() {
+  // Without the mutex on purpose: a store and a single notification.
+  running = false;
+  cond.notify_one();
+  if (thread.joinable()) thread.join();
+}
+
+}  // namespace zel

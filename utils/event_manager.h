@@ -1,0 +1,62 @@
+// Process-wide table of named events. Code registers plain C callbacks (each
+// with a context pointer) under a name; any thread sends an event by name, and
+// one event thread calls that name's callbacks, one at a time, in registration
+// order. Sending only queues: it never waits for the callbacks.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "utils/export.h"
+
+namespace zel {
+
+class ZEL_API EventManager {
+ public:
+  using EventCallback = void (*)(void*);
+
+  // The one instance, created (and its event thread started) on first use and
+  // destroyed at process exit.
+  static EventManager& getInstance();
+
+  EventManager(const EventManager&) = delete;
+  EventManager& operator=(const EventManager&) = delete;
+
+  // Appends (callback, arg) to the callbacks of `name`. Duplicates are kept
+  // and called once per appearance. The manager never touches `arg`.
+  void registerEvent(const std::string& name, EventCallback callback, void* arg);
+  // Removes every pair of `name` whose function is `callback`, whatever its
+  // argument; the name is forgotten once its last pair is gone. Unknown
+  // names are ignored.
+  void unregisterEvent(const std::string& name, EventCallback callback);
+  // Queues a copy of each pair registered under `name` now and wakes the event
+  // thread; returns at once. Unknown names queue nothing.
+  void sendEvent(const std::string& name);
+  // Body of the event thread; only the constructor runs it.
+  void processEvents();
+  // Ends the event thread (joining it); there is no restart. Events sent
+  // afterwards are queued but never called. Must not be called from a callback.
+  void stop();
+
+ private:
+  using Entry = std::pair<EventCallback, void*>;
+
+  EventManager();
+  ~EventManager();
+
+  std::thread thread;
+  std::mutex mutex;
+  std::condition_variable cond;
+  std::deque<Entry> queue;
+  std::unordered_map<std::string, std::vector<Entry>> events;
+  std::atomic<bool> running{true};
+};
+
+}  // namespace zel

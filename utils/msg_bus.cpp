@@ -1,0 +1,192 @@
+#include "utils/msg_bus.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+
+#include "utils/looper.h"
+
+namespace zel {
+
+namespace {
+
+long long WallClockMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+bool IsDue(const BaseMsg& msg, long long now) { return msg.when < 0 || msg.when <= now; }
+
+bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg>& b) {
+  return a->when < b->when;
+}
+
+}  // namespace
+
+MsgBus::MsgBus() : queue(std::make_unique<Queue>()) {}
+
+MsgBus::~MsgBus() {
+  if (!stopped) Stop();
+}
+
+int MsgBus::Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
+  std::lock_guard<std::mutex> lock(mutex);
+  subscribers[msg_type].push_back(s);
+  return 0;
+}
+
+int MsgBus::Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto entry = subscribers.find(msg_type);
+  if (entry == subscribers.end()) return -1;
+  // Same subscriber = same owner; expired references never match a live one.
+  auto& list = entry->second;
+  const auto before = list.size();
+  list.remove_if([&s](const std::weak_ptr<MsgSubscriber>& w) {
+    return !w.owner_before(s) && !s.owner_before(w);
+  });
+  const bool removed = list.size() != before;
+  if (list.empty()) subscribers.erase(entry);
+  return removed ? 0 : -1;
+}
+
+bool MsgBus::CalledFromBusThread() const { return bus_thread.load() == std::this_thread::get_id(); }
+
+int MsgBus::Start() {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (!stopped) return -1;
+  stopped = false;
+  thread = std::make_unique<std::thread>(&MsgBus::process, this);
+  thread_id = ThreadIdString(thread->native_handle());
+  bus_thread = thread->get_id();
+  return 0;
+}
+
+int MsgBus::Stop() {
+  std::unique_lock<std::mutex> lock(mutex);
+  if (ThreadIdString(pthread_self()) == thread_id) {
+    // Stopping from the bus thread: it cannot join itself, so it is let go
+    // and leaves process() after the current batch.
+    stopped = true;
+    cond.notify_all();
+    if (thread && thread->joinable()) thread->detach();
+    return 0;
+  }
+  lock.unlock();
+  lock.lock();
+  if (stopped) {
+    std::puts("already stoped ");
+    return -1;
+  }
+  stopped = true;
+  cond.notify_all();
+  lock.unlock();
+
+  if (thread && thread->joinable()) {
+    if (CalledFromBusThread()) {
+      thread->detach();
+    } else {
+      thread->join();
+    }
+  }
+  lock.lock();
+  thread_id.clear();
+  bus_thread = std::thread::id();
+  return 0;
+}
+
+int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg) {
+  if (!msg) return -1;
+  msg->when = WallClockMs();
+  if (CalledFromBusThread()) {
+    // From the bus thread: locked, but accepted even when stopped and without
+    // a wake-up (the bus sees it on its next cycle).
+    std::lock_guard<std::mutex> lock(mutex);
+    EnqueueSorted(std::move(msg));
+    return 0;
+  }
+  return EnqueueFromOtherThread(std::move(msg));
+}
+
+int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
+  if (!msg) return -1;
+  // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
+  msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
+                                     static_cast<unsigned long long>(delay));
+  if (CalledFromBusThread()) {
+    EnqueueWithoutLock(std::move(msg));
+    return 0;
+  }
+  return EnqueueFromOtherThread(std::move(msg));
+}
+
+int MsgBus::EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (stopped) return -1;
+  EnqueueSorted(std::move(msg));
+  cond.notify_one();
+  return 0;
+}
+
+void MsgBus::EnqueueSorted(std::shared_ptr<BaseMsg> msg) {
+  queue->push_back(std::move(msg));
+  // list::sort is stable: equal due times keep their publication order.
+  queue->sort(EarlierDue);
+}
+
+void MsgBus::EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg) {
+  // Deliberately unlocked (unlike the immediate form from the bus thread).
+  EnqueueSorted(std::move(msg));
+}
+
+void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
+  cond.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
+}
+
+void MsgBus::process() {
+  while (!stopped) {
+    Queue batch;
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (queue->empty()) {
+        WaitUpToOneSecond(lock);
+        if (queue->empty()) continue;
+      }
+      const long long now = WallClockMs();
+      while (!queue->empty() && queue->front() && IsDue(*queue->front(), now)) {
+        batch.splice(batch.end(), *queue, queue->begin());
+      }
+    }
+    if (batch.empty()) {
+      // The head lies in the future: sleep until a publication or a second passed.
+      std::unique_lock<std::mutex> lock(mutex);
+      WaitUpToOneSecond(lock);
+      continue;
+    }
+    Deliver(batch);
+  }
+}
+
+void MsgBus::Deliver(Queue& batch) {
+  while (!batch.empty()) {
+    std::shared_ptr<BaseMsg> msg = std::move(batch.front());
+    batch.pop_front();
+    // After a Stop the rest of the batch is released undelivered.
+    if (stopped || !msg || subscribers.empty()) continue;
+    const auto entry = subscribers.find(msg->msg_type);
+    if (entry == subscribers.end()) continue;
+    const std::list<std::weak_ptr<MsgSubscriber>> receivers = entry->second;
+    for (const auto& receiver : receivers) {
+      std::shared_ptr<MsgSubscriber> subscriber = receiver.lock();
+      if (!subscriber) continue;
+      // One thread per delivery, waited for: deliveries never overlap and
+      // never run on the bus thread.
+      const int type = msg->msg_type;
+      std::async(std::launch::async, [type, msg, subscriber] { subscriber->OnMsg(type, msg); }).get();
+    }
+  }
+}
+
+}  // namespace zel

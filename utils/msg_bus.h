@@ -1,0 +1,106 @@
+// Publish/subscribe bus: any thread publishes a shared message, now or after a
+// delay, and one bus thread hands each message, once due, to every live
+// subscriber of its type. Each delivery runs on a fresh thread of its own that
+// the bus thread waits for, so deliveries happen one at a time, in due order,
+// never on the bus thread.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "utils/export.h"
+
+namespace zel {
+
+// A bus message. The bus routes it by `msg_type` and stamps `when` (wall-clock
+// milliseconds since the epoch; negative means due at once) on every
+// publication, whatever the publisher put there. Concrete messages derive from
+// it and add their payload, which the bus never looks at.
+class ZEL_API BaseMsg {
+ public:
+  explicit BaseMsg(int type = 0) : msg_type(type) {}
+  virtual ~BaseMsg() = default;
+
+  int msg_type;
+  long long when = -1;
+};
+
+// The receiving side. OnMsg runs on a delivery thread (never the bus thread),
+// one delivery at a time. It must not throw and must not Stop the bus it is
+// called from (Stop would wait for this very delivery).
+class ZEL_API MsgSubscriber {
+ public:
+  virtual void OnMsg(int msg_type, std::shared_ptr<BaseMsg> msg) = 0;
+  virtual ~MsgSubscriber() = default;
+};
+
+// The bus. Results are 0 for success and -1 for refusal. Messages are shared:
+// the bus keeps a reference while they are queued; subscribers are held weakly
+// and skipped once they died.
+class ZEL_API MsgBus {
+ public:
+  MsgBus();
+  // Stops a running bus (joining its thread) and releases queued messages.
+  ~MsgBus();
+  MsgBus(const MsgBus&) = delete;
+  MsgBus& operator=(const MsgBus&) = delete;
+
+  // Appends a weak reference to `s` to the subscribers of `msg_type`, in
+  // registration order; returns 0. The bus thread reads the registry without
+  // the lock, so subscribe before Start (or while the bus is stopped).
+  int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+  // Removes every reference to `s` under `msg_type`; -1 if there was none.
+  // Same rule as Subscribe: not while deliveries may run.
+  int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+
+  // Starts the bus thread; -1 if already running. Whatever is still queued
+  // from an earlier run is delivered by the new thread.
+  int Start();
+  // Stops the bus. From another thread: joins the bus thread (waiting for the
+  // delivery in progress), -1 with "already stoped " on stdout if it was not
+  // running. From the bus thread itself: detaches it and returns 0. Queued
+  // messages stay for the next Start.
+  int Stop();
+
+  // Publishes for delivery as soon as possible. From another thread, refused
+  // (-1) while stopped; `when` is overwritten even then. A null message is
+  // refused.
+  int PublishMsg(std::shared_ptr<BaseMsg> msg);
+  // Publishes for delivery `delay` ms from now; zero or negative is due at once.
+  int PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay);
+
+  // Body of the bus thread; only Start runs it.
+  void process();
+
+ private:
+  using Queue = std::list<std::shared_ptr<BaseMsg>>;
+
+  bool CalledFromBusThread() const;
+  int EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg);
+  void EnqueueSorted(std::shared_ptr<BaseMsg> msg);
+  void EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg);
+  void WaitUpToOneSecond(std::unique_lock<std::mutex>& lock);
+  void Deliver(Queue& batch);
+
+  std::condition_variable cond;
+  std::mutex mutex;
+  std::unique_ptr<std::thread> thread;
+  // Text of the bus thread's handle; "" when none was started or after a Stop
+  // from another thread.
+  std::string thread_id;
+  // The same thread as an atomic value, so that publishers can ask "am I the
+  // bus thread?" without reading a string another thread may be writing.
+  std::atomic<std::thread::id> bus_thread{std::thread::id()};
+  // Pending messages, kept sorted by `when` (stable: ties in publication order).
+  std::unique_ptr<Queue> queue;
+  std::atomic<bool> stopped{true};
+  std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
+};
+
+}  // namespace zel
