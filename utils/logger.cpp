@@ -22,8 +22,8 @@ uint8_t sFileIndex = 0;  // next rotation number; wraps, never reset
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
 std::mutex Logger::sMutex;
-std::string Logger::mDirPrefix;
-std::string Logger::mFixedDirPrefix;
+std::string& Logger::mDirPrefix = *new std::string();
+std::string& Logger::mFixedDirPrefix = *new std::string();
 
 namespace logdetail {
 

@@ -88,8 +88,9 @@ class ZEL_API Logger : public LogBackend {
   static std::mutex sMutex;
   // Written by the Logger thread and by zel_set_log_path, read by
   // zel_get_log_path, all without a lock: callers set the path once, first.
-  static std::string mDirPrefix;
-  static std::string mFixedDirPrefix;
+  // Never destroyed: the Logger thread may still read them while the process exits.
+  static std::string& mDirPrefix;
+  static std::string& mFixedDirPrefix;
 
  private:
   void Write(LogInfo* info);
