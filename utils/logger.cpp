@@ -146,7 +146,11 @@ int Logger::init() {
 int Logger::Log(const std::string& msg) { return Log(msg, 3, false); }
 
 int Logger::Log(const std::string& msg, int level, bool toBackends) {
-  return mHandler->Post(new LogInfo{msg, level, toBackends});
+  return Log(std::string(msg), level, toBackends);
+}
+
+int Logger::Log(std::string&& msg, int level, bool toBackends) {
+  return mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
 }
 
 void Logger::AddBackend(LogBackend* backend) {

@@ -66,6 +66,8 @@ class ZEL_API Logger : public LogBackend {
   // Queue `msg` for writing: level 3, not to the sinks. 0 posted, -1 refused.
   int Log(const std::string& msg) override;
   int Log(const std::string& msg, int level, bool toBackends) override;
+  // The same, taking the text over instead of copying it.
+  int Log(std::string&& msg, int level, bool toBackends);
 
   // Attach/detach a client sink (not owned). Takes the backend lock exclusively.
   void AddBackend(LogBackend* backend);

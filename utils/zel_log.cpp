@@ -33,7 +33,6 @@ std::string getCurrentTimeString() {
 namespace {
 
 constexpr size_t kLineSize = 4096;
-constexpr size_t kPrefixSize = 256;
 
 // Signed 8 bits, 3 at load. Read on every log_print without a lock; atomic
 // only so that a concurrent zel_set_log_level is not a data race.
@@ -46,26 +45,56 @@ long long NowMicros() {
   return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
+// The parts of the line prefix that change at most once a second, per
+// thread: "[M-D hh:mm:ss." and "][tid:N] ". The milliseconds go in between.
+struct PrefixCache {
+  time_t second = -1;
+  char head[64] = {};
+  size_t headLen = 0;
+  char tail[64] = {};
+  size_t tailLen = 0;
+};
+thread_local PrefixCache tPrefix;
+
+// Writes "[%d-%d %02d:%02d:%02d.%03ld][tid:%s] " into `out`; returns its length.
+size_t FormatPrefix(char* out, long long micros, time_t seconds) {
+  PrefixCache& cache = tPrefix;
+  if (cache.tailLen == 0) {
+    const std::string tid = std::to_string(static_cast<unsigned long long>(pthread_self()));
+    cache.tailLen = static_cast<size_t>(
+        snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
+  }
+  if (seconds != cache.second) {
+    struct tm local {};
+    localtime_r(&seconds, &local);
+    cache.headLen = static_cast<size_t>(snprintf(cache.head, sizeof(cache.head),
+                                                 "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
+                                                 local.tm_mday, local.tm_hour, local.tm_min,
+                                                 local.tm_sec));
+    cache.second = seconds;
+  }
+  const long millis = static_cast<long>((micros / 1000) % 1000);
+  size_t len = cache.headLen;
+  memcpy(out, cache.head, len);
+  out[len++] = static_cast<char>('0' + millis / 100);
+  out[len++] = static_cast<char>('0' + millis / 10 % 10);
+  out[len++] = static_cast<char>('0' + millis % 10);
+  memcpy(out + len, cache.tail, cache.tailLen + 1);
+  return len + cache.tailLen;
+}
+
 // Everything after the filter, kept out of log_print so that a filtered-out
 // call costs only the level test.
 __attribute__((noinline)) void FormatAndQueue(int level, int toBackends, const char* format,
                                               va_list args) {
   char line[kLineSize];
   const long long micros = NowMicros();
-  const time_t seconds = time(nullptr);
-  struct tm local {};
-  localtime_r(&seconds, &local);
-  const std::string tid = std::to_string(static_cast<unsigned long long>(pthread_self()));
-
-  char prefix[kPrefixSize];
-  snprintf(prefix, sizeof(prefix), "[%d-%d %02d:%02d:%02d.%03ld][tid:%s] ", local.tm_mon + 1,
-           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<long>((micros / 1000) % 1000), tid.c_str());
-  const size_t prefixLen = strlen(prefix);
-  memcpy(line, prefix, prefixLen + 1);
+  // The seconds come from time(), the milliseconds from the clock read just
+  // before: the two are not reconciled.
+  const size_t prefixLen = FormatPrefix(line, micros, time(nullptr));
   // Room for the text leaves two bytes for the newline and the terminator.
   vsnprintf(line + prefixLen, kLineSize - 2 - prefixLen, format, args);
-  size_t len = strlen(line);
+  size_t len = prefixLen + strlen(line + prefixLen);
   if (len == prefixLen || line[len - 1] != '\n') {
     line[len++] = '\n';
     line[len] = '\0';
