@@ -18,6 +18,20 @@ namespace {
 FILE* sCurFp = nullptr;
 char sCurPath[logdetail::kPathSize] = {};
 uint8_t sFileIndex = 0;  // next rotation number; wraps, never reset
+// Today's date text, recomputed when the second changes.
+time_t sDateSecond = -1;
+std::string sDateText;
+
+const std::string& DateTextNow() {
+  const time_t now = time(nullptr);
+  if (now != sDateSecond) {
+    struct tm local {};
+    localtime_r(&now, &local);
+    sDateText = logdetail::DateText(local);
+    sDateSecond = now;
+  }
+  return sDateText;
+}
 }  // namespace
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
@@ -117,6 +131,8 @@ Logger::Logger() { init(); }
 
 Logger::~Logger() {
   if (mHandler) mHandler->looper->Stop();
+  // The thread is gone: push out what the last burst left in the buffer.
+  if (sCurFp != nullptr) fflush(sCurFp);
   if (mFp != nullptr) fclose(mFp);
 }
 
@@ -150,7 +166,10 @@ int Logger::Log(const std::string& msg, int level, bool toBackends) {
 }
 
 int Logger::Log(std::string&& msg, int level, bool toBackends) {
-  return mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
+  ++mQueued;
+  const int result = mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
+  if (result != 0) --mQueued;
+  return result;
 }
 
 void Logger::AddBackend(LogBackend* backend) {
@@ -198,10 +217,14 @@ FILE* Logger::getLogFp() { return mFileMode ? getFile() : stderr; }
 FILE* Logger::getFile() {
   if (sCurFp != nullptr) {
     const int pos = static_cast<int>(ftell(sCurFp));
-    const std::string day = DateText(LocalNow());
-    if (pos <= mMaxFileSize && day == mDay && IsRegularFile(sCurPath)) return sCurFp;
+    // While a burst is still in the buffer nothing of it has reached the
+    // file, so whether the file still exists is asked once per flush.
+    if (pos <= mMaxFileSize && DateTextNow() == mDay && (mUnflushed || IsRegularFile(sCurPath))) {
+      return sCurFp;
+    }
 
     fclose(sCurFp);
+    mUnflushed = false;
     char rotated[kPathSize];
     // The old day's directory: mLogDir is not refreshed until the reopen below.
     FormatInDir(rotated, mLogDir, mLogDirLen, "zel.log.%s.%s.%u", mProcTag.c_str(),
@@ -216,6 +239,8 @@ FILE* Logger::getFile() {
               mTimeTag.c_str(), "txt");
   sCurPath[kPathSize - 1] = '\0';
   sCurFp = fopen(sCurPath, "a");
+  // Room for a burst of lines between flushes.
+  if (sCurFp != nullptr) setvbuf(sCurFp, nullptr, _IOFBF, 1 << 16);
   return sCurFp;
 }
 
@@ -229,6 +254,7 @@ void Logger::updateLogFile(unsigned char index) {
 }
 
 void Logger::Write(LogInfo* info) {
+  const bool moreQueued = --mQueued > 0;
   FILE* fp = mFileMode ? getFile() : stderr;
   if (fp == nullptr) {
     printf("%s %d: fp is null \n", "operator()", 333);
@@ -243,8 +269,14 @@ void Logger::Write(LogInfo* info) {
     printf("zel log write error,ret[%d] \n", written);
     // A removed directory comes back; the open handle itself is kept.
     UpdateLogDir();
+    if (mFileMode) fflush(fp);
+    mUnflushed = false;
+  } else if (mFileMode) {
+    // Every line is flushed; a burst is flushed once, by its last line, which
+    // follows at once. ftell counts the buffered bytes, so rotation is unchanged.
+    mUnflushed = moreQueued;
+    if (!moreQueued) fflush(fp);
   }
-  if (mFileMode) fflush(fp);
 }
 
 }  // namespace zel
