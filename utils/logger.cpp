@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -253,6 +255,16 @@ void Logger::updateLogFile(unsigned char index) {
   }
 }
 
+void Logger::LingerForNextLine() {
+  // A loop that goes back to sleep makes the next caller pay for waking it.
+  // Staying on for a moment after the queue ran dry lets a steady stream of
+  // lines be posted without that cost.
+  const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50);
+  while (mQueued.load(std::memory_order_relaxed) == 0 && std::chrono::steady_clock::now() < until) {
+    std::this_thread::yield();
+  }
+}
+
 void Logger::Write(LogInfo* info) {
   const bool moreQueued = --mQueued > 0;
   FILE* fp = mFileMode ? getFile() : stderr;
@@ -275,7 +287,10 @@ void Logger::Write(LogInfo* info) {
     // Every line is flushed; a burst is flushed once, by its last line, which
     // follows at once. ftell counts the buffered bytes, so rotation is unchanged.
     mUnflushed = moreQueued;
-    if (!moreQueued) fflush(fp);
+    if (!moreQueued) {
+      fflush(fp);
+      LingerForNextLine();
+    }
   }
 }
 

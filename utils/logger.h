@@ -96,6 +96,7 @@ class ZEL_API Logger : public LogBackend {
 
  private:
   void Write(LogInfo* info);
+  void LingerForNextLine();
 
   std::shared_timed_mutex mBackendMutex;
   std::string mUnused;
