@@ -127,8 +127,10 @@ TEST(LoggerFile, TwelveRotationsLeaveNumbersThreeToEleven) {
   for (char mark = 'a'; mark <= 'm'; ++mark) file.Log(Line(mark, kMaxFileSize + 1));
   const std::string name = CurrentName(dir.path());
   const std::string stem = name.substr(0, name.size() - 3);
-  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name).front() == 'm'; }));
-  ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const std::string current = ReadFile(dir.path() + name);
+    return current.size() == kMaxFileSize + 1 && current.front() == 'm';
+  }));
   std::vector<std::string> expected{name};
   for (int n = 3; n <= 11; ++n) expected.push_back(stem + std::to_string(n));
   std::sort(expected.begin(), expected.end());

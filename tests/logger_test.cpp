@@ -149,7 +149,11 @@ TEST_F(LoggerTest, TwelveRotationsLeaveNumbersThreeToEleven) {
   // Each line alone passes the size limit, so every later line rotates.
   for (char mark = 'a'; mark <= 'm'; ++mark) logger->Log(Line(mark, kMaxFileSize + 1));
   const std::string stem = Stem();
-  ASSERT_TRUE(zeltest::WaitForSize(dayDir + stem + "txt", kMaxFileSize + 1));
+  // Every file reaches that size: wait for the last line's to be complete.
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const std::string current = ReadFile(dayDir + stem + "txt");
+    return current.size() == kMaxFileSize + 1 && current.front() == 'm';
+  }));
   std::vector<std::string> expected;
   for (int n = 3; n <= 11; ++n) expected.push_back(stem + std::to_string(n));
   expected.push_back(stem + "txt");
