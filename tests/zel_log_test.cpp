@@ -149,6 +149,20 @@ TEST_F(ZelLog, TextLongerThanTheBufferIsCutToFit) {
   EXPECT_EQ(std::string(4093 - prefixEnd, 'a') + "\n", line.substr(prefixEnd));
 }
 
+TEST_F(ZelLog, FormatLongerThanTheBufferIsCutToFit) {
+  std::string format(5000, 'f');
+  format += "%d";
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+  log_print(3, 0, format.c_str(), 7);
+#pragma GCC diagnostic pop
+  const std::string text = Drain();
+  const std::string line = text.substr(0, text.find('\n') + 1);
+  EXPECT_EQ(4094u, line.size());
+  EXPECT_EQ(std::string(4093 - (line.find("] ") + 2), 'f') + "\n", line.substr(line.find("] ") + 2));
+}
+
 TEST_F(ZelLog, PercentSequencesInArgumentsAreWrittenVerbatim) {
   log_print(3, 0, "%s|%d", "%s %d %n %%", 5);
   const std::string text = Drain();
