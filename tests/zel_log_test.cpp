@@ -116,7 +116,7 @@ TEST_F(ZelLog, LineCarriesDatePrefixAndCallerThreadId) {
   EXPECT_EQ(local.tm_mon + 1, std::stoi(match[1].str()));
   EXPECT_EQ(local.tm_mday, std::stoi(match[2].str()));
   EXPECT_EQ(local.tm_hour, std::stoi(match[3].str()));
-  EXPECT_EQ(std::to_string(static_cast<unsigned long long>(pthread_self())), match[7].str());
+  EXPECT_EQ(std::to_string((unsigned long long)pthread_self()), match[7].str());
 }
 
 TEST_F(ZelLog, FormatEndingInNewlineGetsNoSecondNewline) {

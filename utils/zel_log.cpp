@@ -60,7 +60,8 @@ thread_local PrefixCache tPrefix;
 size_t FormatPrefix(char* out, long long micros, time_t seconds) {
   PrefixCache& cache = tPrefix;
   if (cache.tailLen == 0) {
-    const std::string tid = std::to_string(static_cast<unsigned long long>(pthread_self()));
+    // A C-style cast: pthread_t is an integer on Linux and a pointer on macOS.
+    const std::string tid = std::to_string((unsigned long long)pthread_self());
     cache.tailLen = static_cast<size_t>(
         snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
   }
