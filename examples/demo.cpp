@@ -8,6 +8,7 @@ int main() {
   std::printf("== zel_demo: a client process using libzel_utils ==\n");
   demo::Process();
   demo::Loops();
+  demo::Logging();
   demo::Bus();
   demo::Tracing();
   demo::Config();

@@ -4,6 +4,7 @@
 namespace demo {
 void Process();    // ZelEnv and process information
 void Loops();      // Looper, Worker, Timer
+void Logging();    // the process log and a named log file
 void Bus();        // message bus and named events
 void Tracing();    // tracer, client tracker, trace records
 void Config();     // ConfigParser, settings file, application paths

@@ -1,9 +1,17 @@
 #include "utils/zel_log.h"
 
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+
+#include "utils/logger.h"
 
 namespace zel {
 
@@ -21,3 +29,115 @@ std::string getCurrentTimeString() {
 }
 
 }  // namespace zel
+
+namespace {
+
+constexpr size_t kLineSize = 4096;
+
+// Signed 8 bits, 3 at load. Read on every log_print without a lock; atomic
+// only so that a concurrent zel_set_log_level is not a data race.
+std::atomic<signed char> gLogLevel{3};
+// The singleton once the first line passed the filter.
+std::atomic<zel::Logger*> gLogger{nullptr};
+
+long long NowMicros() {
+  using namespace std::chrono;
+  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// The parts of the line prefix that change at most once a second, per
+// thread: "[M-D hh:mm:ss." and "][tid:N] ". The milliseconds go in between.
+struct PrefixCache {
+  time_t second = -1;
+  char head[64] = {};
+  size_t headLen = 0;
+  char tail[64] = {};
+  size_t tailLen = 0;
+};
+thread_local PrefixCache tPrefix;
+
+// Writes "[%d-%d %02d:%02d:%02d.%03ld][tid:%s] " into `out`; returns its length.
+size_t FormatPrefix(char* out, long long micros, time_t seconds) {
+  PrefixCache& cache = tPrefix;
+  if (cache.tailLen == 0) {
+    // A C-style cast: pthread_t is an integer on Linux and a pointer on macOS.
+    const std::string tid = std::to_string((unsigned long long)pthread_self());
+    cache.tailLen = static_cast<size_t>(
+        snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
+  }
+  if (seconds != cache.second) {
+    struct tm local {};
+    localtime_r(&seconds, &local);
+    cache.headLen = static_cast<size_t>(snprintf(cache.head, sizeof(cache.head),
+                                                 "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
+                                                 local.tm_mday, local.tm_hour, local.tm_min,
+                                                 local.tm_sec));
+    cache.second = seconds;
+  }
+  const long millis = static_cast<long>((micros / 1000) % 1000);
+  size_t len = cache.headLen;
+  memcpy(out, cache.head, len);
+  out[len++] = static_cast<char>('0' + millis / 100);
+  out[len++] = static_cast<char>('0' + millis / 10 % 10);
+  out[len++] = static_cast<char>('0' + millis % 10);
+  memcpy(out + len, cache.tail, cache.tailLen + 1);
+  return len + cache.tailLen;
+}
+
+// Everything after the filter, kept out of log_print so that a filtered-out
+// call costs only the level test.
+__attribute__((noinline)) void FormatAndQueue(int level, int toBackends, const char* format,
+                                              va_list args) {
+  char line[kLineSize];
+  const long long micros = NowMicros();
+  // The seconds come from time(), the milliseconds from the clock read just
+  // before: the two are not reconciled.
+  const size_t prefixLen = FormatPrefix(line, micros, time(nullptr));
+  // Room for the text leaves two bytes for the newline and the terminator.
+  vsnprintf(line + prefixLen, kLineSize - 2 - prefixLen, format, args);
+  size_t len = prefixLen + strlen(line + prefixLen);
+  if (len == prefixLen || line[len - 1] != '\n') {
+    line[len++] = '\n';
+    line[len] = '\0';
+  }
+  line[kLineSize - 1] = '\0';
+
+  zel::Logger* logger = gLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) {
+    logger = zel::Logger::GetInstance();
+    if (logger == nullptr) return;
+    gLogger.store(logger, std::memory_order_release);
+  }
+  logger->Log(std::string(line, len), level, toBackends != 0);
+}
+
+}  // namespace
+
+extern "C" int log_print(int level, int toBackends, const char* format, ...) {
+  // The level test comes first: a filtered-out line costs nothing else.
+  if (gLogLevel.load(std::memory_order_relaxed) < level) return 0;
+  va_list args;
+  va_start(args, format);
+  FormatAndQueue(level, toBackends, format, args);
+  va_end(args);
+  return 0;
+}
+
+extern "C" void zel_set_log_level(int level) {
+  gLogLevel.store(static_cast<signed char>(level & 0xff), std::memory_order_relaxed);
+}
+
+extern "C" int zel_log_level() { return gLogLevel.load(std::memory_order_relaxed); }
+
+extern "C" void zel_set_log_path(const char* path) {
+  // Unlocked on purpose: the path is set once, before logging starts.
+  if (path != nullptr && path[0] != '\0') zel::Logger::mFixedDirPrefix = path;
+}
+
+extern "C" int zel_get_log_path(char* buf, int size) {
+  // Unlocked on purpose, like zel_set_log_path.
+  const std::string& dir = zel::Logger::mDirPrefix;
+  if (dir.empty()) return -1;
+  strncpy(buf, dir.c_str(), size > 0 ? static_cast<size_t>(size - 1) : 0);
+  return 0;
+}

@@ -1,0 +1,191 @@
+#include "utils/logger_file.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/log_files.h"
+
+namespace {
+
+using zeltest::FileNames;
+using zeltest::ReadFile;
+
+constexpr size_t kMaxFileSize = 5242880;
+
+std::string Line(char mark, size_t size) {
+  std::string line(size, '.');
+  line[0] = mark;
+  line[size - 1] = '\n';
+  return line;
+}
+
+// Name of the only ".txt" file in `dir` once it exists ("" on time-out).
+std::string CurrentName(const std::string& dir) {
+  std::string found;
+  zeltest::WaitFor([&] {
+    for (const auto& name : FileNames(dir)) {
+      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) found = name;
+    }
+    return !found.empty();
+  });
+  return found;
+}
+
+TEST(LoggerFile, EmptyStemNamesFileDotTimeTagDotTxt) {
+  zeltest::TempDir dir;
+  const std::string before = zeltest::TimeTagNow();
+  zel::LoggerFile file(dir.path());
+  const std::string after = zeltest::TimeTagNow();
+  file.Log("line\n");
+  const std::string name = CurrentName(dir.path());
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(name, match, std::regex(R"(\.(\d{6})\.txt)"))) << name;
+  EXPECT_LE(before, match[1].str());
+  EXPECT_GE(after, match[1].str());
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "line\n"));
+  EXPECT_EQ("line\n", ReadFile(dir.path() + name));
+}
+
+TEST(LoggerFile, OpeningPrintsCreatfileLineWithEmptyTag) {
+  zeltest::TempDir dir;
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir.path());
+  file.Log("x\n");
+  const std::string name = CurrentName(dir.path());
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "x\n"));
+  const std::string tag = name.substr(1, 6);
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(
+                    capture.Take(), "mCurFp is null, creatfile [] [" + tag + "] [" + dir.path() +
+                                        name + "]\n"));
+}
+
+TEST(LoggerFile, SetNameGivesTheStem) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.SetName("scanner");
+  file.Log("named\n");
+  const std::string name = CurrentName(dir.path());
+  EXPECT_TRUE(std::regex_match(name, std::regex(R"(scanner\.\d{6}\.txt)"))) << name;
+}
+
+TEST(LoggerFile, GetPrefixReturnsTheDirectoryAsGiven) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path() + "nested/deeper/");
+  EXPECT_EQ(dir.path() + "nested/deeper/", file.getPrefix());
+  // The whole chain is created at construction.
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "nested/deeper/"));
+}
+
+TEST(LoggerFile, LinesAreWrittenInPostingOrderAsIs) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  for (int i = 0; i < 100; ++i) file.Log(std::to_string(i) + ",", i % 8, i % 2 == 0);
+  std::string expected;
+  for (int i = 0; i < 100; ++i) expected += std::to_string(i) + ",";
+  const std::string name = CurrentName(dir.path());
+  ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, expected.size()));
+  EXPECT_EQ(expected, ReadFile(dir.path() + name));
+}
+
+TEST(LoggerFile, FileAtExactlyMaxSizeIsStillWrittenTo) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  for (char mark = 'a'; mark < 'f'; ++mark) file.Log(Line(mark, kMaxFileSize / 5));
+  file.Log("A");
+  const std::string name = CurrentName(dir.path());
+  ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
+  EXPECT_EQ(std::vector<std::string>{name}, FileNames(dir.path()));
+}
+
+TEST(LoggerFile, RotationRenamesPastMaxSizeAndPrintsIt) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log(Line('a', kMaxFileSize + 1));
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
+  zeltest::StdoutCapture capture;
+  file.Log("B");
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "B"));
+  EXPECT_EQ("B", ReadFile(dir.path() + name));
+  EXPECT_EQ(kMaxFileSize + 1, ReadFile(dir.path() + stem + "0").size());
+  const std::string out = capture.Take();
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "update loggerfile ,rename  [" + dir.path() +
+                                                       name + "] to [" + dir.path() + stem +
+                                                       "0] ...... \n"))
+      << out;
+  EXPECT_EQ(std::string::npos, out.find("rename error"));
+}
+
+TEST(LoggerFile, TwelveRotationsLeaveNumbersThreeToEleven) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.SetName("pen");
+  for (char mark = 'a'; mark <= 'm'; ++mark) file.Log(Line(mark, kMaxFileSize + 1));
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const std::string current = ReadFile(dir.path() + name);
+    return current.size() == kMaxFileSize + 1 && current.front() == 'm';
+  }));
+  std::vector<std::string> expected{name};
+  for (int n = 3; n <= 11; ++n) expected.push_back(stem + std::to_string(n));
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, FileNames(dir.path()));
+  for (int n = 3; n <= 11; ++n) {
+    EXPECT_EQ(static_cast<char>('a' + n), ReadFile(dir.path() + stem + std::to_string(n)).front());
+  }
+}
+
+TEST(LoggerFile, DeletedFileMakesNextWriteRotateWithRenameError) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "one\n"));
+  ASSERT_EQ(0, std::remove((dir.path() + name).c_str()));
+  zeltest::StdoutCapture capture;
+  file.Log("two\n");
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "two\n"));
+  const std::string out = capture.Take();
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "getFile 328,rename error\n")) << out;
+  // The rotation message is printed after a failed rename too.
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "update loggerfile ,rename  [")) << out;
+  EXPECT_EQ("two\n", ReadFile(dir.path() + name));
+  EXPECT_EQ(std::vector<std::string>{name}, FileNames(dir.path()));
+}
+
+TEST(LoggerFile, EmptyMessagePrintsWriteError) {
+  zeltest::TempDir dir;
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir.path());
+  file.Log("");
+  EXPECT_TRUE(capture.WaitForCount("zel log write error,ret[0] \n", 1)) << capture.Text();
+}
+
+TEST(LoggerFile, UncreatableDirectoryDropsLinesWithFpIsNull) {
+  zeltest::TempDir scratch;
+  zeltest::WriteFile(scratch.path() + "blocker", "x");
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(scratch.path() + "blocker/logs/");
+  file.Log("lost\n");
+  EXPECT_TRUE(capture.WaitForCount("operator() 201: fp is null \n", 1)) << capture.Text();
+  EXPECT_NE(std::string::npos, capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
+}
+
+TEST(LoggerFileMidnight, KeepsWritingTheSameFilePastMidnight) {
+  zeltest::TempDir dir;
+  ASSERT_EQ(0, zeltest::RunUnderFaketime("2030-03-14 23:59:58",
+                                         std::string(ZEL_MIDNIGHT_CHILD) + " loggerfile " +
+                                             dir.path()));
+  const auto names = FileNames(dir.path());
+  ASSERT_EQ(1u, names.size());
+  EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(\.2359\d\d\.txt)"))) << names[0];
+  EXPECT_EQ("before midnight\nafter midnight\n", ReadFile(dir.path() + names[0]));
+}
+
+}  // namespace

@@ -1,0 +1,358 @@
+#include "utils/logger.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "support/log_files.h"
+#include "utils/process_info.h"
+#include "utils/zel_log.h"
+
+namespace {
+
+using zeltest::FileNames;
+using zeltest::ReadFile;
+
+constexpr size_t kMaxFileSize = 5242880;
+
+// Every test starts a fresh process: the base is set before the singleton
+// exists, so it computes its day directory under the scratch folder.
+class LoggerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    zel_set_log_path(base.path().c_str());
+    tagBefore = zeltest::TimeTagNow();
+    logger = zel::Logger::GetInstance();
+    tagAfter = zeltest::TimeTagNow();
+    dayDir = base.path() + zeltest::TodayText();
+    procTag = get_process_name() + "-" + std::to_string(getpid());
+  }
+
+  // Name of the current file once the writer opened it ("" on time-out).
+  std::string CurrentName() {
+    std::string found;
+    zeltest::WaitFor([&] {
+      for (const auto& name : FileNames(dayDir)) {
+        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) found = name;
+      }
+      return !found.empty();
+    });
+    return found;
+  }
+  // "zel.log.<proc>-<pid>.<tag>." of this process's files.
+  std::string Stem() {
+    const std::string current = CurrentName();
+    return current.substr(0, current.size() - 3);
+  }
+
+  zeltest::TempDir base;
+  zel::Logger* logger = nullptr;
+  std::string dayDir;
+  std::string procTag;
+  std::string tagBefore;
+  std::string tagAfter;
+};
+
+// A line of exactly `size` bytes, starting with `mark`.
+std::string Line(char mark, size_t size) {
+  std::string line(size, '.');
+  line[0] = mark;
+  line[size - 1] = '\n';
+  return line;
+}
+
+TEST_F(LoggerTest, FilesGoToFixedBasePlusDateDirectory) {
+  ASSERT_EQ(0, logger->Log("hello\n"));
+  const std::string name = CurrentName();
+  ASSERT_FALSE(name.empty());
+  EXPECT_TRUE(zeltest::WaitForText(dayDir + name, "hello\n"));
+  EXPECT_EQ("hello\n", ReadFile(dayDir + name));
+  EXPECT_EQ(std::vector<std::string>{zeltest::TodayText().substr(0, 8)}, [&] {
+    std::vector<std::string> dirs;
+    for (const auto& e : std::filesystem::directory_iterator(base.path()))
+      dirs.push_back(e.path().filename().string());
+    return dirs;
+  }());
+}
+
+TEST_F(LoggerTest, CurrentFileIsNamedByProcessPidAndTimeTag) {
+  logger->Log("x\n");
+  const std::string name = CurrentName();
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(name, match, std::regex(R"(zel\.log\.(.*)\.(\d{6})\.txt)")))
+      << name;
+  EXPECT_EQ(procTag, match[1].str());
+  // The time tag is the local time the day directory was computed.
+  EXPECT_LE(tagBefore, match[2].str());
+  EXPECT_GE(tagAfter, match[2].str());
+}
+
+TEST(LoggerPrefix, FixedBasePrintsPrefixLine) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger::GetInstance();
+  const std::string out = capture.Take();
+  EXPECT_NE(std::string::npos,
+            out.find("getPrefix 183: prefix[" + base.path() + zeltest::TodayText() + "]\n"))
+      << out;
+}
+
+TEST_F(LoggerTest, GetPrefixReturnsDayDirectoryUnderFixedBase) {
+  EXPECT_EQ(dayDir, zel::Logger::mDirPrefix);
+  EXPECT_TRUE(std::filesystem::is_directory(dayDir));
+}
+
+TEST_F(LoggerTest, FixedBaseSetLaterAppliesOnlyFromNextDateChange) {
+  logger->Log("first\n");
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "first\n"));
+  zeltest::TempDir other;
+  zel_set_log_path(other.path().c_str());
+  logger->Log("second\n");
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "second\n"));
+  EXPECT_EQ("first\nsecond\n", ReadFile(dayDir + name));
+  EXPECT_TRUE(FileNames(other.path()).empty());
+  EXPECT_FALSE(zeltest::Exists(other.path() + zeltest::TodayText()));
+}
+
+TEST_F(LoggerTest, FileAtExactlyMaxSizeIsStillWrittenTo) {
+  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(Line(mark, kMaxFileSize / 5));
+  logger->Log("A");
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForSize(dayDir + name, kMaxFileSize + 1));
+  EXPECT_EQ(std::vector<std::string>{name}, FileNames(dayDir));
+  EXPECT_EQ('A', ReadFile(dayDir + name).back());
+}
+
+TEST_F(LoggerTest, LineAfterPassingMaxSizeGoesToFreshFile) {
+  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(Line(mark, kMaxFileSize / 5));
+  logger->Log("A");
+  logger->Log("B");
+  const std::string stem = Stem();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + stem + "txt", "B"));
+  EXPECT_EQ("B", ReadFile(dayDir + stem + "txt"));
+  const std::string rotated = ReadFile(dayDir + stem + "0");
+  ASSERT_EQ(kMaxFileSize + 1, rotated.size());
+  EXPECT_EQ('a', rotated.front());
+  EXPECT_EQ('A', rotated.back());
+  EXPECT_EQ((std::vector<std::string>{stem + "0", stem + "txt"}), FileNames(dayDir));
+}
+
+TEST_F(LoggerTest, TwelveRotationsLeaveNumbersThreeToEleven) {
+  // Each line alone passes the size limit, so every later line rotates.
+  for (char mark = 'a'; mark <= 'm'; ++mark) logger->Log(Line(mark, kMaxFileSize + 1));
+  const std::string stem = Stem();
+  // Every file reaches that size: wait for the last line's to be complete.
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const std::string current = ReadFile(dayDir + stem + "txt");
+    return current.size() == kMaxFileSize + 1 && current.front() == 'm';
+  }));
+  std::vector<std::string> expected;
+  for (int n = 3; n <= 11; ++n) expected.push_back(stem + std::to_string(n));
+  expected.push_back(stem + "txt");
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, FileNames(dayDir));
+  // Rotated file n holds the (n+1)-th line.
+  for (int n = 3; n <= 11; ++n) {
+    EXPECT_EQ(static_cast<char>('a' + n), ReadFile(dayDir + stem + std::to_string(n)).front());
+  }
+  EXPECT_EQ('m', ReadFile(dayDir + stem + "txt").front());
+}
+
+TEST_F(LoggerTest, DeletedCurrentFileMakesNextWriteRotateWithRenameError) {
+  logger->Log("one\n");
+  const std::string stem = Stem();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + stem + "txt", "one\n"));
+  ASSERT_EQ(0, std::remove((dayDir + stem + "txt").c_str()));
+
+  zeltest::StdoutCapture capture;
+  logger->Log("two\n");
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + stem + "txt", "two\n"));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(capture.Take(), "getFile 556,rename error\n"));
+  EXPECT_EQ("two\n", ReadFile(dayDir + stem + "txt"));
+
+  // The failed rotation still used number 0: the next one is number 1.
+  logger->Log(Line('b', kMaxFileSize + 1));
+  logger->Log("three\n");
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + stem + "txt", "three\n"));
+  EXPECT_EQ((std::vector<std::string>{stem + "1", stem + "txt"}), FileNames(dayDir));
+  EXPECT_EQ(0u, ReadFile(dayDir + stem + "1").rfind("two\nb", 0));
+}
+
+TEST_F(LoggerTest, LevelIsIgnoredByTheWriter) {
+  logger->Log("same line\n", 7, false);
+  logger->Log("same line\n", 0, false);
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForSize(dayDir + name, 20));
+  EXPECT_EQ("same line\nsame line\n", ReadFile(dayDir + name));
+}
+
+TEST_F(LoggerTest, OneArgumentLogWritesTheTextAsIs) {
+  logger->Log("no newline added");
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "added"));
+  EXPECT_EQ("no newline added", ReadFile(dayDir + name));
+}
+
+class RecordingBackend : public zel::LogBackend {
+ public:
+  int Log(const std::string& msg) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(msg);
+    return 0;
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return lines;
+  }
+
+ private:
+  std::mutex mutex;
+  std::vector<std::string> lines;
+};
+
+TEST_F(LoggerTest, AttachedBackendGetsOnlyFlaggedLines) {
+  RecordingBackend backend;
+  logger->AddBackend(&backend);
+  logger->Log("to sinks\n", 3, true);
+  logger->Log("file only\n", 3, false);
+  logger->Log("to sinks too\n", 5, true);
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "to sinks too\n"));
+  logger->RemoveBackend(&backend);
+  EXPECT_EQ((std::vector<std::string>{"to sinks\n", "to sinks too\n"}), backend.Lines());
+  EXPECT_EQ("to sinks\nfile only\nto sinks too\n", ReadFile(dayDir + name));
+}
+
+TEST_F(LoggerTest, RemovedBackendGetsNothingMore) {
+  RecordingBackend backend;
+  logger->AddBackend(&backend);
+  logger->RemoveBackend(&backend);
+  logger->Log("after removal\n", 3, true);
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "after removal\n"));
+  EXPECT_TRUE(backend.Lines().empty());
+}
+
+TEST_F(LoggerTest, EmptyMessagePrintsWriteErrorAndWritesNothing) {
+  zeltest::StdoutCapture capture;
+  logger->Log("");
+  logger->Log("next\n");
+  const std::string name = CurrentName();
+  ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "next\n"));
+  EXPECT_TRUE(capture.WaitForCount("zel log write error,ret[0] \n", 1)) << capture.Text();
+  EXPECT_EQ("next\n", ReadFile(dayDir + name));
+}
+
+TEST(LoggerBadBase, UncreatableBaseDropsLinesWithFpIsNull) {
+  zeltest::TempDir scratch;
+  // A regular file where a directory should be: mkdir fails even for root.
+  zeltest::WriteFile(scratch.path() + "blocker", "x");
+  const std::string base = scratch.path() + "blocker/logs/";
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger* logger = zel::Logger::GetInstance();
+  EXPECT_EQ(0, logger->Log("lost\n"));
+  EXPECT_EQ(0, logger->Log("lost too\n"));
+  EXPECT_TRUE(capture.WaitForCount("operator() 333: fp is null \n", 2));
+  const std::string out = capture.Take();
+  EXPECT_NE(std::string::npos, out.find("mkdir error,[" + scratch.path() + "blocker]\n")) << out;
+  EXPECT_EQ("x", ReadFile(scratch.path() + "blocker"));
+}
+
+TEST(LoggerBuildLogPath, WithUserBuildsLibraryZelPathAndReportsMkdirFailure) {
+  // A user that has no folder here: the mkdir of the last component fails.
+  const std::string user = "zel-test-no-such-user-" + std::to_string(getpid());
+  setenv("USER", user.c_str(), 1);
+  zeltest::StdoutCapture capture;
+  const std::string path = zel::BuildLogPath("20301231/");
+  const std::string expected = "/Users/" + user + "/Library/zel/20301231//";
+  EXPECT_EQ(expected, path);
+  EXPECT_NE(std::string::npos,
+            capture.Take().find("mkdir[" + expected + "] error[BuildLogPath 630] \n"));
+  EXPECT_FALSE(zeltest::Exists("/Users/" + user));
+}
+
+TEST(LoggerBuildLogPath, WithoutUserStartsAtUsers) {
+  unsetenv("USER");
+  const std::string sub = "zel-test-missing-" + std::to_string(getpid()) + "/20301231/";
+  zeltest::StdoutCapture capture;
+  EXPECT_EQ("/Users/" + sub + "/", zel::BuildLogPath(sub));
+  EXPECT_NE(std::string::npos, capture.Take().find("error[BuildLogPath 630]"));
+}
+
+TEST(LoggerSingleton, GetInstanceCreatesOneLoggerForAllThreads) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  std::vector<std::thread> threads;
+  std::vector<zel::Logger*> seen(8, nullptr);
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&seen, i] { seen[i] = zel::Logger::GetInstance(); });
+  }
+  for (auto& t : threads) t.join();
+  for (auto* logger : seen) EXPECT_EQ(seen[0], logger);
+  EXPECT_EQ(seen[0], zel::Logger::sLogger.load());
+  // One Logger, so one day directory.
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(base.path()),
+                             std::filesystem::directory_iterator()));
+}
+
+// Runs the helper under a clock that starts two seconds before midnight.
+class LoggerMidnight : public ::testing::Test {
+ protected:
+  int RunChild(const std::string& args) {
+    return zeltest::RunUnderFaketime("2030-03-14 23:59:58",
+                                     std::string(ZEL_MIDNIGHT_CHILD) + " " + args);
+  }
+  zeltest::TempDir base;
+};
+
+TEST_F(LoggerMidnight, OldFileIsRenamedInOldDayAndNewLineLandsInNewDay) {
+  ASSERT_EQ(0, RunChild("logger " + base.path()));
+  const std::string oldDay = base.path() + "20300314/";
+  const std::string newDay = base.path() + "20300315/";
+  const auto oldFiles = FileNames(oldDay);
+  const auto newFiles = FileNames(newDay);
+  ASSERT_EQ(1u, oldFiles.size());
+  ASSERT_EQ(1u, newFiles.size());
+  std::smatch oldMatch, newMatch;
+  ASSERT_TRUE(std::regex_match(oldFiles[0], oldMatch,
+                               std::regex(R"(zel\.log\.log_midnight_child-(\d+)\.(2359\d\d)\.0)")))
+      << oldFiles[0];
+  ASSERT_TRUE(std::regex_match(newFiles[0], newMatch,
+                               std::regex(R"(zel\.log\.log_midnight_child-(\d+)\.(0000\d\d)\.txt)")))
+      << newFiles[0];
+  EXPECT_EQ(oldMatch[1].str(), newMatch[1].str());
+  EXPECT_NE(std::string::npos, ReadFile(oldDay + oldFiles[0]).find("before midnight\n"));
+  EXPECT_EQ(std::string::npos, ReadFile(oldDay + oldFiles[0]).find("after midnight"));
+  const std::string after = ReadFile(newDay + newFiles[0]);
+  EXPECT_NE(std::string::npos, after.find("[3-15 00:00:"));
+  EXPECT_NE(std::string::npos, after.find("after midnight\n"));
+}
+
+TEST_F(LoggerMidnight, BaseOfOtherLengthIsCutToTheCapturedLength) {
+  // The second base is one character longer than the first; the captured
+  // length of the first day directory then drops the new one's final slash.
+  const std::string first = base.path() + "a/";
+  const std::string second = base.path() + "bb/";
+  ASSERT_EQ(0, RunChild("relocated " + first + " " + second));
+  ASSERT_EQ(1u, FileNames(first + "20300314/").size());
+  EXPECT_TRUE(std::regex_match(FileNames(first + "20300314/")[0],
+                               std::regex(R"(zel\.log\..*\.2359\d\d\.0)")));
+  const auto relocated = FileNames(second);
+  ASSERT_EQ(1u, relocated.size());
+  EXPECT_TRUE(std::regex_match(relocated[0],
+                               std::regex(R"(20300315zel\.log\.log_midnight_child-\d+\.0000\d\d\.txt)")))
+      << relocated[0];
+  EXPECT_TRUE(std::filesystem::is_directory(second + "20300315/"));
+  EXPECT_TRUE(FileNames(second + "20300315/").empty());
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// Test helpers for the log suites: a scratch log base, reading what the
+// loggers wrote, and waiting for their thread to get there.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zeltest {
+
+// A fresh directory under the system's temporary folder, removed with the object.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "zel_log_XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
+    path_ = pattern + "/";
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  // The directory with a trailing slash, ready to be a log base.
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// Names of the regular files directly in `dir`, sorted.
+inline std::vector<std::string> FileNames(const std::string& dir) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    if (entry.is_regular_file()) names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+inline bool Exists(const std::string& path) { return std::filesystem::exists(path); }
+
+// Polls `done` until it holds or `timeout` passed; the result of the last poll.
+inline bool WaitFor(const std::function<bool()>& done,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// Waits until the file at `path` holds exactly `size` bytes.
+inline bool WaitForSize(const std::string& path, uintmax_t size) {
+  return WaitFor([&] {
+    std::error_code ec;
+    return std::filesystem::file_size(path, ec) == size && !ec;
+  });
+}
+
+// Waits until `path` exists and contains `needle`.
+inline bool WaitForText(const std::string& path, const std::string& needle) {
+  return WaitFor([&] { return ReadFile(path).find(needle) != std::string::npos; });
+}
+
+// "%04d%02d%02d/" of the local date now.
+inline std::string TodayText() {
+  const time_t now = time(nullptr);
+  struct tm local {};
+  localtime_r(&now, &local);
+  char text[64];
+  snprintf(text, sizeof(text), "%04d%02d%02d/", local.tm_year + 1900, local.tm_mon + 1,
+           local.tm_mday);
+  return text;
+}
+
+// "%02d%02d%02d" of the local time now.
+inline std::string TimeTagNow() {
+  const time_t now = time(nullptr);
+  struct tm local {};
+  localtime_r(&now, &local);
+  char text[64];
+  snprintf(text, sizeof(text), "%02d%02d%02d", local.tm_hour, local.tm_min, local.tm_sec);
+  return text;
+}
+
+// Redirects the process's standard output (every thread's) into a scratch
+// file while alive, so that a test can poll what was printed.
+class StdoutCapture {
+ public:
+  StdoutCapture() {
+    fflush(stdout);
+    saved_ = dup(STDOUT_FILENO);
+    const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, STDOUT_FILENO);
+    close(fd);
+  }
+  ~StdoutCapture() { Restore(); }
+  // What was printed so far.
+  std::string Text() {
+    fflush(stdout);
+    return ReadFile(file_);
+  }
+  // Stops capturing and returns the text.
+  std::string Take() {
+    std::string text = Text();
+    Restore();
+    return text;
+  }
+  // Polls until `needle` was printed `times` times (generous time-out).
+  bool WaitForCount(const std::string& needle, size_t times) {
+    return WaitFor([&] { return Count(Text(), needle) == times; });
+  }
+  static size_t Count(const std::string& text, const std::string& needle) {
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+      ++count;
+    return count;
+  }
+
+ private:
+  void Restore() {
+    if (saved_ < 0) return;
+    fflush(stdout);
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+    saved_ = -1;
+  }
+  TempDir dir_;
+  std::string file_ = dir_.path() + "stdout.txt";
+  int saved_ = -1;
+};
+
+}  // namespace zeltest
+
+namespace zeltest {
+
+// Runs `command` under faketime with the wall clock starting at `start`
+// ("YYYY-MM-DD hh:mm:ss", local time) and running on; returns its exit status.
+// The monotonic clock is left alone so that timed waits behave. An ASan
+// runtime would refuse the preloaded library without verify_asan_link_order=0.
+inline int RunUnderFaketime(const std::string& start, const std::string& command) {
+  const char* asan = getenv("ASAN_OPTIONS");
+  const std::string line = "env DONT_FAKE_MONOTONIC=1 ASAN_OPTIONS='verify_asan_link_order=0" +
+                           std::string(asan != nullptr && *asan != '\0' ? ":" : "") +
+                           (asan != nullptr ? asan : "") + "' faketime -f '@" + start + "' " +
+                           command;
+  const int status = std::system(line.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace zeltest
