@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -239,6 +240,43 @@ TEST_F(LoggerTest, RemovedBackendGetsNothingMore) {
   const std::string name = CurrentName();
   ASSERT_TRUE(zeltest::WaitForText(dayDir + name, "after removal\n"));
   EXPECT_TRUE(backend.Lines().empty());
+}
+
+// Sees each line on the writer thread, before that line is written, and
+// records how much of the file is on disk by then.
+class FileSizeProbe : public zel::LogBackend {
+ public:
+  explicit FileSizeProbe(std::string dir) : dir_(std::move(dir)) {}
+  int Log(const std::string&) override {
+    uintmax_t size = 0;
+    for (const auto& name : FileNames(dir_)) size += std::filesystem::file_size(dir_ + name);
+    std::lock_guard<std::mutex> lock(mutex_);
+    sizes_.push_back(size);
+    return 0;
+  }
+  std::vector<uintmax_t> Sizes() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sizes_;
+  }
+
+ private:
+  std::string dir_;
+  std::mutex mutex_;
+  std::vector<uintmax_t> sizes_;
+};
+
+TEST_F(LoggerTest, EveryLineIsOnDiskBeforeTheNextOneIsTaken) {
+  FileSizeProbe probe(dayDir);
+  logger->AddBackend(&probe);
+  constexpr int kLines = 2000;
+  const std::string line = Line('x', 64);
+  // Posted in one burst, so the writer always has more lines waiting.
+  for (int i = 0; i < kLines; ++i) logger->Log(line, 3, true);
+  ASSERT_TRUE(zeltest::WaitForSize(dayDir + CurrentName(), kLines * line.size()));
+  logger->RemoveBackend(&probe);
+  const auto sizes = probe.Sizes();
+  ASSERT_EQ(static_cast<size_t>(kLines), sizes.size());
+  for (int i = 0; i < kLines; ++i) ASSERT_EQ(i * line.size(), sizes[i]) << "line " << i;
 }
 
 TEST_F(LoggerTest, EmptyMessagePrintsWriteErrorAndWritesNothing) {

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -133,8 +131,6 @@ Logger::Logger() { init(); }
 
 Logger::~Logger() {
   if (mHandler) mHandler->looper->Stop();
-  // The thread is gone: push out what the last burst left in the buffer.
-  if (sCurFp != nullptr) fflush(sCurFp);
   if (mFp != nullptr) fclose(mFp);
 }
 
@@ -168,10 +164,7 @@ int Logger::Log(const std::string& msg, int level, bool toBackends) {
 }
 
 int Logger::Log(std::string&& msg, int level, bool toBackends) {
-  ++mQueued;
-  const int result = mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
-  if (result != 0) --mQueued;
-  return result;
+  return mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
 }
 
 void Logger::AddBackend(LogBackend* backend) {
@@ -219,14 +212,9 @@ FILE* Logger::getLogFp() { return mFileMode ? getFile() : stderr; }
 FILE* Logger::getFile() {
   if (sCurFp != nullptr) {
     const int pos = static_cast<int>(ftell(sCurFp));
-    // While a burst is still in the buffer nothing of it has reached the
-    // file, so whether the file still exists is asked once per flush.
-    if (pos <= mMaxFileSize && DateTextNow() == mDay && (mUnflushed || IsRegularFile(sCurPath))) {
-      return sCurFp;
-    }
+    if (pos <= mMaxFileSize && DateTextNow() == mDay && IsRegularFile(sCurPath)) return sCurFp;
 
     fclose(sCurFp);
-    mUnflushed = false;
     char rotated[kPathSize];
     // The old day's directory: mLogDir is not refreshed until the reopen below.
     FormatInDir(rotated, mLogDir, mLogDirLen, "zel.log.%s.%s.%u", mProcTag.c_str(),
@@ -241,8 +229,6 @@ FILE* Logger::getFile() {
               mTimeTag.c_str(), "txt");
   sCurPath[kPathSize - 1] = '\0';
   sCurFp = fopen(sCurPath, "a");
-  // Room for a burst of lines between flushes.
-  if (sCurFp != nullptr) setvbuf(sCurFp, nullptr, _IOFBF, 1 << 16);
   return sCurFp;
 }
 
@@ -255,18 +241,7 @@ void Logger::updateLogFile(unsigned char index) {
   }
 }
 
-void Logger::LingerForNextLine() {
-  // A loop that goes back to sleep makes the next caller pay for waking it.
-  // Staying on for a moment after the queue ran dry lets a steady stream of
-  // lines be posted without that cost.
-  const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50);
-  while (mQueued.load(std::memory_order_relaxed) == 0 && std::chrono::steady_clock::now() < until) {
-    std::this_thread::yield();
-  }
-}
-
 void Logger::Write(LogInfo* info) {
-  const bool moreQueued = --mQueued > 0;
   FILE* fp = mFileMode ? getFile() : stderr;
   if (fp == nullptr) {
     printf("%s %d: fp is null \n", "operator()", 333);
@@ -282,15 +257,10 @@ void Logger::Write(LogInfo* info) {
     // A removed directory comes back; the open handle itself is kept.
     UpdateLogDir();
     if (mFileMode) fflush(fp);
-    mUnflushed = false;
   } else if (mFileMode) {
-    // Every line is flushed; a burst is flushed once, by its last line, which
-    // follows at once. ftell counts the buffered bytes, so rotation is unchanged.
-    mUnflushed = moreQueued;
-    if (!moreQueued) {
-      fflush(fp);
-      LingerForNextLine();
-    }
+    // Every line reaches the file before the next one is taken: nothing
+    // written is lost when the process dies.
+    fflush(fp);
   }
 }
 

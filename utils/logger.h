@@ -96,7 +96,6 @@ class ZEL_API Logger : public LogBackend {
 
  private:
   void Write(LogInfo* info);
-  void LingerForNextLine();
 
   std::shared_timed_mutex mBackendMutex;
   std::string mUnused;
@@ -111,11 +110,6 @@ class ZEL_API Logger : public LogBackend {
   std::string mDay;
   std::unique_ptr<Handler<LogInfo>> mHandler;
   std::vector<LogBackend*> mBackends;
-  // Lines posted and not yet written. While more are waiting, a line is left
-  // in the stream's buffer: the last one of a burst flushes them together.
-  std::atomic<int> mQueued{0};
-  // Writer thread only: the last line written is still in the stream's buffer.
-  bool mUnflushed = false;
 };
 
 // "/Users/" [+ $USER + "/Library/zel/"] [+ sub + "/"]; creates the last
