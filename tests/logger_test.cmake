@@ -6,5 +6,3 @@ endif()
 add_dependencies(${name} log_midnight_child)
 target_compile_definitions(${name} PRIVATE
   ZEL_MIDNIGHT_CHILD="$<TARGET_FILE:log_midnight_child>")
-# gcc 12 with sanitizers reports a false maybe-uninitialized inside <regex>.
-target_compile_options(${name} PRIVATE -Wno-maybe-uninitialized)
