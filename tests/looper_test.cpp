@@ -473,6 +473,59 @@ TEST(Looper, MessageStoppingItsOwnLooperDetachesAndDropsTheRestOfItsBatch) {
   EXPECT_EQ(3, tally.runs.load());
 }
 
+// Dropped unrun after its Looper stopped itself; slow to go, so that the
+// loop thread is still busy leaving when the test moves on.
+class SlowToDrop : public zel::Message {
+ public:
+  explicit SlowToDrop(std::atomic<bool>* gone) : gone_(gone) {}
+  ~SlowToDrop() override {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    *gone_ = true;
+  }
+  void Run() override {}
+
+ private:
+  std::atomic<bool>* gone_;
+};
+
+// Posts a message that stops its own Looper, followed in the same batch by
+// a SlowToDrop; returns once the stop happened.
+void StopFromOwnThreadLeavingASlowDrop(zel::Looper& looper, std::atomic<bool>* gone) {
+  auto release = std::make_shared<Gate>();
+  auto stopped = std::make_shared<Gate>();
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>(
+                   [release] { release->WaitFor(std::chrono::seconds(30)); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&looper, stopped] {
+    looper.Stop();
+    stopped->Open();
+  })));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<SlowToDrop>(gone)));
+  release->Open();
+  ASSERT_TRUE(stopped->WaitFor(std::chrono::seconds(10)));
+}
+
+TEST(Looper, DestroyingALooperThatStoppedItselfWaitsForItsThreadToLetGo) {
+  std::atomic<bool> gone{false};
+  auto* looper = new zel::Looper();
+  ASSERT_EQ(0, looper->Start());
+  StopFromOwnThreadLeavingASlowDrop(*looper, &gone);
+  delete looper;  // the detached thread must not outlive the object it reads
+  EXPECT_TRUE(gone.load());
+}
+
+TEST(Looper, RestartAfterStoppingItselfWaitsForTheOldThreadToLetGo) {
+  std::atomic<bool> gone{false};
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  StopFromOwnThreadLeavingASlowDrop(looper, &gone);
+  ASSERT_EQ(0, looper.Start());
+  EXPECT_TRUE(gone.load());  // never two loop threads on one queue
+  std::set<std::thread::id> threads;
+  for (int i = 0; i < 3; ++i) RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
+  EXPECT_EQ(1u, threads.size());
+  EXPECT_EQ(0, looper.Stop());
+}
+
 TEST(Looper, DestroyingALooperWithQueuedMessagesFreesThemUnrun) {
   Tally tally;
   {

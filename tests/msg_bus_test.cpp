@@ -477,6 +477,22 @@ TEST(MsgBus, StopFromBusThreadReturnsZeroAndLaterStopPrintsAlreadyStoped) {
   EXPECT_EQ(-1, second);
 }
 
+TEST(MsgBus, DestroyingABusThatStoppedItselfWaitsForItsThreadToLetGo) {
+  auto* bus = new zel::MsgBus();
+  ASSERT_EQ(0, bus->Start());
+  std::atomic<bool> finished{false};
+  std::promise<void> stopped;
+  RunOnBusThread(*bus, [&] {
+    bus->Stop();
+    stopped.set_value();
+    std::this_thread::sleep_for(300ms);  // the bus thread is slow to leave
+    finished = true;
+  });
+  ASSERT_EQ(std::future_status::ready, stopped.get_future().wait_for(5s));
+  delete bus;  // the detached thread must not outlive the object it reads
+  EXPECT_TRUE(finished.load());
+}
+
 TEST(MsgBus, BusThreadPublicationsAreAcceptedAfterItStoppedTheBus) {
   DeliveryLog log;
   auto sub = MakeRecorder("s", log);

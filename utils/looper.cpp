@@ -42,6 +42,16 @@ Looper::~Looper() {
     destroying = true;
   }
   if (!stopped) Stop();
+  WaitForDetachedLoop();
+}
+
+void Looper::WaitForDetachedLoop() {
+  // A loop stopped from its own thread was detached and may still be leaving
+  // process(); it must be gone before this object is reused or freed. (From
+  // that very thread there is nothing to wait for.)
+  while (in_process && stopped && !CalledFromLoopThread()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 bool Looper::CalledFromLoopThread() const {
@@ -54,9 +64,11 @@ std::string Looper::LoopThreadText() {
 }
 
 int Looper::Start() {
+  WaitForDetachedLoop();
   std::lock_guard<std::mutex> lock(mutex);
   if (!stopped || destroying) return -1;
   stopped = false;
+  in_process = true;
   thread = std::make_unique<std::thread>(&Looper::process, this);
   thread_id = ThreadIdString(thread->native_handle());
   loop_thread = thread->get_id();
@@ -123,6 +135,7 @@ void Looper::process() {
     RunBatch(batch);
   }
   ZEL_DEBUG_AT(240, "looper process exit, threadID %s\n", self.c_str());
+  in_process = false;  // the last touch of this object by the loop thread
 }
 
 void Looper::RunBatch(Queue& batch) {

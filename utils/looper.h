@@ -76,11 +76,13 @@ class ZEL_API Looper {
  public:
   Looper();
   // Stops a running loop (joining its thread) and drops queued messages unrun.
+  // A loop thread that stopped itself is waited for until it has let go.
   ~Looper();
   Looper(const Looper&) = delete;
   Looper& operator=(const Looper&) = delete;
 
-  // Starts the loop thread; -1 if already running or being destroyed.
+  // Starts the loop thread; -1 if already running or being destroyed. After
+  // a stop from the loop's own thread, first waits until that thread has left.
   int Start();
   // Stops the loop. From another thread: joins the loop thread (waiting for
   // the running message), -1 with "already stoped " on stdout if it was not
@@ -105,6 +107,7 @@ class ZEL_API Looper {
   using Queue = std::list<std::unique_ptr<Message>>;
 
   bool CalledFromLoopThread() const;
+  void WaitForDetachedLoop();
   std::string LoopThreadText();
   void RunBatch(Queue& batch);
 
@@ -119,6 +122,8 @@ class ZEL_API Looper {
   std::unique_ptr<Queue> queue;
   std::atomic<bool> stopped{true};
   std::atomic<bool> destroying{false};
+  // True from Start until the loop thread has left process().
+  std::atomic<bool> in_process{false};
 };
 
 // A loop dedicated to one kind of record: `handler` runs on the loop thread

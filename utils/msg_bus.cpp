@@ -29,6 +29,15 @@ MsgBus::MsgBus() : queue(std::make_unique<Queue>()) {}
 
 MsgBus::~MsgBus() {
   if (!stopped) Stop();
+  WaitForDetachedBusThread();
+}
+
+void MsgBus::WaitForDetachedBusThread() {
+  // A bus stopped from its own thread was detached and may still be leaving
+  // process(); it must be gone before this object is reused or freed.
+  while (in_process && stopped && !CalledFromBusThread()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 int MsgBus::Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
@@ -55,9 +64,11 @@ int MsgBus::Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
 bool MsgBus::CalledFromBusThread() const { return bus_thread.load() == std::this_thread::get_id(); }
 
 int MsgBus::Start() {
+  WaitForDetachedBusThread();
   std::lock_guard<std::mutex> lock(mutex);
   if (!stopped) return -1;
   stopped = false;
+  in_process = true;
   thread = std::make_unique<std::thread>(&MsgBus::process, this);
   thread_id = ThreadIdString(thread->native_handle());
   bus_thread = thread->get_id();
@@ -167,6 +178,7 @@ void MsgBus::process() {
     }
     Deliver(batch);
   }
+  in_process = false;  // the last touch of this object by the bus thread
 }
 
 void MsgBus::Deliver(Queue& batch) {

@@ -47,6 +47,7 @@ class ZEL_API MsgBus {
  public:
   MsgBus();
   // Stops a running bus (joining its thread) and releases queued messages.
+  // A bus thread that stopped itself is waited for until it has let go.
   ~MsgBus();
   MsgBus(const MsgBus&) = delete;
   MsgBus& operator=(const MsgBus&) = delete;
@@ -60,7 +61,8 @@ class ZEL_API MsgBus {
   int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
 
   // Starts the bus thread; -1 if already running. Whatever is still queued
-  // from an earlier run is delivered by the new thread.
+  // from an earlier run is delivered by the new thread. After a stop from the
+  // bus's own thread, first waits until that thread has left.
   int Start();
   // Stops the bus. From another thread: joins the bus thread (waiting for the
   // delivery in progress), -1 with "already stoped " on stdout if it was not
@@ -82,6 +84,7 @@ class ZEL_API MsgBus {
   using Queue = std::list<std::shared_ptr<BaseMsg>>;
 
   bool CalledFromBusThread() const;
+  void WaitForDetachedBusThread();
   int EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg);
   void EnqueueSorted(std::shared_ptr<BaseMsg> msg);
   void EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg);
@@ -100,6 +103,8 @@ class ZEL_API MsgBus {
   // Pending messages, kept sorted by `when` (stable: ties in publication order).
   std::unique_ptr<Queue> queue;
   std::atomic<bool> stopped{true};
+  // True from Start until the bus thread has left process().
+  std::atomic<bool> in_process{false};
   std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
 };
 
