@@ -526,6 +526,22 @@ TEST(Looper, RestartAfterStoppingItselfWaitsForTheOldThreadToLetGo) {
   EXPECT_EQ(0, looper.Stop());
 }
 
+TEST(Looper, StartOnALooperBeingDestroyedIsRefused) {
+  auto* looper = new zel::Looper();
+  ASSERT_EQ(0, looper->Start());
+  auto running = std::make_shared<Gate>();
+  std::atomic<int> startResult{99};
+  ASSERT_EQ(0, looper->PostMessageAAA(std::make_unique<FnMessage>([=, &startResult] {
+    running->Open();
+    // The destructor is waiting for this message by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    startResult = looper->Start();
+  })));
+  ASSERT_TRUE(running->WaitFor(std::chrono::seconds(10)));
+  delete looper;
+  EXPECT_EQ(-1, startResult.load());
+}
+
 TEST(Looper, DestroyingALooperWithQueuedMessagesFreesThemUnrun) {
   Tally tally;
   {
