@@ -1,7 +1,5 @@
 #include "utils/msg_bus.h"
 
-#include <pthread.h>
-
 #include <chrono>
 #include <cstdio>
 #include <future>
@@ -77,7 +75,7 @@ int MsgBus::Start() {
 
 int MsgBus::Stop() {
   std::unique_lock<std::mutex> lock(mutex);
-  if (ThreadIdString(pthread_self()) == thread_id) {
+  if (CalledFromBusThread()) {
     // Stopping from the bus thread: it cannot join itself, so it is let go
     // and leaves process() after the current batch.
     stopped = true;
