@@ -437,12 +437,17 @@ TEST(Looper, MessageStoppingItsOwnLooperDetachesAndDropsTheRestOfItsBatch) {
   zeltest::DiagCapture diag;
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
+  Gate blocking;
   Gate release;
   Tally tally;
   std::atomic<int> stopResult{99};
   std::atomic<int> postFromLoopResult{99};
   // Hold the loop so that the next three messages are taken as one batch.
-  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] { release.WaitFor(std::chrono::seconds(30)); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    blocking.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
   ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
     stopResult = looper.Stop();
     Tally* t = &tally;
@@ -491,10 +496,15 @@ class SlowToDrop : public zel::Message {
 // Posts a message that stops its own Looper, followed in the same batch by
 // a SlowToDrop; returns once the stop happened.
 void StopFromOwnThreadLeavingASlowDrop(zel::Looper& looper, std::atomic<bool>* gone) {
+  auto blocking = std::make_shared<Gate>();
   auto release = std::make_shared<Gate>();
   auto stopped = std::make_shared<Gate>();
-  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>(
-                   [release] { release->WaitFor(std::chrono::seconds(30)); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([blocking, release] {
+    blocking->Open();
+    release->WaitFor(std::chrono::seconds(30));
+  })));
+  // The loop is held, so the next two messages are taken as one batch.
+  ASSERT_TRUE(blocking->WaitFor(std::chrono::seconds(10)));
   ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&looper, stopped] {
     looper.Stop();
     stopped->Open();
