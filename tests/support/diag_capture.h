@@ -1,5 +1,5 @@
 // Test helper: collects the library's diagnostics (orvaneLogPrint calls)
-// while an instance is alive. One instance at a time.
+// while an instance is alive, starting empty. One instance at a time.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +19,10 @@ struct DiagLine {
 
 class DiagCapture {
  public:
-  DiagCapture() { orvaneLogSetSink(&DiagCapture::Sink); }
+  DiagCapture() {
+    Clear();
+    orvaneLogSetSink(&DiagCapture::Sink);
+  }
   ~DiagCapture() { orvaneLogSetSink(nullptr); }
 
   static std::vector<DiagLine> Lines() {
