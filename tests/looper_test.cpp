@@ -614,12 +614,18 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
   constexpr int kMaxPerPoster = 100000;
   constexpr int kCycles = 40;
   std::vector<std::atomic<int>> runs(kPosters * kMaxPerPoster);
-  std::atomic<int> created{0}, destroyed{0}, accepted{0}, cycles{0};
+  std::atomic<int> created{0}, destroyed{0}, accepted{0}, cycles{0}, ranTotal{0};
+  std::atomic<int> postersDone{0};
   struct Tracked : zel::Message {
-    Tracked(std::atomic<int>* run, std::atomic<int>* destroyed) : run(run), destroyed(destroyed) {}
+    Tracked(std::atomic<int>* run, std::atomic<int>* ranTotal, std::atomic<int>* destroyed)
+        : run(run), ranTotal(ranTotal), destroyed(destroyed) {}
     ~Tracked() override { ++*destroyed; }
-    void Run() override { ++*run; }
+    void Run() override {
+      ++*run;
+      ++*ranTotal;
+    }
     std::atomic<int>* run;
+    std::atomic<int>* ranTotal;
     std::atomic<int>* destroyed;
   };
   {
@@ -627,7 +633,16 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
     ASSERT_EQ(0, looper.Start());
     std::thread toggler([&] {
       for (; cycles < kCycles; ++cycles) {
+        // Give each started loop the chance to run something (a loaded
+        // machine may not schedule it at all in 2 ms), so that the stops
+        // land in the middle of batches.
+        const int ranBefore = ranTotal.load();
+        const auto cycleStart = Clock::now();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        while (ranTotal.load() == ranBefore && postersDone < kPosters &&
+               MsSince(cycleStart) < 1000) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         looper.Stop();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         looper.Start();
@@ -639,8 +654,12 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
         for (int i = 0; i < kMaxPerPoster && cycles < kCycles; ++i) {
           ++created;
           auto& run = runs[p * kMaxPerPoster + i];
-          if (looper.PostMessageAAA(std::make_unique<Tracked>(&run, &destroyed)) == 0) ++accepted;
+          auto msg = std::make_unique<Tracked>(&run, &ranTotal, &destroyed);
+          if (looper.PostMessageAAA(std::move(msg)) == 0) ++accepted;
+          // Paced, so that posting goes on through every cycle.
+          if (i % 32 == 31) std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
+        ++postersDone;
       });
     }
     for (auto& t : posters) t.join();
@@ -657,6 +676,7 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
   EXPECT_EQ(created.load(), destroyed.load());
   EXPECT_LE(ranOnce, accepted.load());
   EXPECT_GT(ranOnce, 0);
+  EXPECT_LT(accepted.load(), created.load());  // some posts met a stopped loop
   EXPECT_GE(cycles.load(), kCycles);
 }
 
