@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -40,10 +41,17 @@ TEST(Worker, DoSyncReturnsWithinAboutTenMillisecondsOfItsClosure) {
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
   zel::Worker worker(&looper);
-  std::atomic<long long> ranAtNs{0};
-  worker.DoSync([&] { ranAtNs = Clock::now().time_since_epoch().count(); });
-  const long long returnedAtNs = Clock::now().time_since_epoch().count();
-  EXPECT_LT(returnedAtNs - ranAtNs.load(), 500LL * 1000 * 1000);
+  std::vector<long long> lagsMs;
+  for (int i = 0; i < 9; ++i) {
+    std::atomic<Clock::rep> ranAt{0};
+    worker.DoSync([&] { ranAt = Clock::now().time_since_epoch().count(); });
+    const auto lag = Clock::now() - Clock::time_point(Clock::duration(ranAt.load()));
+    lagsMs.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(lag).count());
+  }
+  // The median, so that one late wake-up on a loaded machine does not count;
+  // polling once a second instead of every 10 ms would put it near 1000.
+  std::sort(lagsMs.begin(), lagsMs.end());
+  EXPECT_LT(lagsMs[lagsMs.size() / 2], 150);
   looper.Stop();
 }
 
