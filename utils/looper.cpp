@@ -1,7 +1,6 @@
 #include "utils/looper.h"
 
 #include <chrono>
-#include <cstdio>
 #include <sstream>
 
 #include "utils/diag.h"
@@ -34,86 +33,41 @@ void InerTaskMessage::Run() {
   fn(callback.arg);
 }
 
-Looper::Looper() : queue(std::make_unique<Queue>()) {}
+Looper::Looper() : loop(mutex, cond), queue(std::make_unique<Queue>()) {}
 
 Looper::~Looper() {
   {
     std::lock_guard<std::mutex> lock(mutex);
     destroying = true;
   }
-  if (!stopped) Stop();
-  WaitForDetachedLoop();
-}
-
-void Looper::WaitForDetachedLoop() {
-  // A loop stopped from its own thread was detached and may still be leaving
-  // process(); it must be gone before this object is reused or freed. (From
-  // that very thread there is nothing to wait for.)
-  while (in_process && stopped && !CalledFromLoopThread()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-}
-
-bool Looper::CalledFromLoopThread() const {
-  return loop_thread.load() == std::this_thread::get_id();
-}
-
-std::string Looper::LoopThreadText() {
-  std::lock_guard<std::mutex> lock(mutex);
-  return thread_id;
+  if (!loop.Stopped()) Stop();
+  loop.WaitForDetachedThread();
 }
 
 int Looper::Start() {
-  WaitForDetachedLoop();
-  std::lock_guard<std::mutex> lock(mutex);
-  if (!stopped || destroying) return -1;
-  stopped = false;
-  in_process = true;
-  thread = std::make_unique<std::thread>(&Looper::process, this);
-  thread_id = ThreadIdString(thread->native_handle());
-  loop_thread = thread->get_id();
-  return 0;
+  if (destroying) return -1;
+  return loop.Start([this] { process(); });
 }
 
 int Looper::Stop() {
-  ZEL_DEBUG_AT(151, "Looper::Stop called in thread %s\n", LoopThreadText().c_str());
-  std::unique_lock<std::mutex> lock(mutex);
-  if (CalledFromLoopThread()) {
-    // Stopping from a message: the thread cannot join itself, so it is let go
-    // and leaves process() once the current batch step is done.
-    stopped = true;
-    cond.notify_all();
-    if (thread && thread->joinable()) thread->detach();
-    return 0;
+  ZEL_DEBUG_AT(151, "Looper::Stop called in thread %s\n", loop.Text().c_str());
+  std::string joined;
+  switch (loop.Stop(&joined)) {
+    case LoopThread::StopResult::kAlreadyStopped:
+      return -1;
+    case LoopThread::StopResult::kLetGo:
+      return 0;  // stopped by a message of its own: no exit line
+    case LoopThread::StopResult::kJoined:
+      break;
   }
-  lock.unlock();
-  lock.lock();
-  if (stopped) {
-    std::puts("already stoped ");
-    return -1;
-  }
-  stopped = true;
-  cond.notify_all();
-  lock.unlock();
-
-  if (thread && thread->joinable()) {
-    if (CalledFromLoopThread()) {
-      thread->detach();
-    } else {
-      thread->join();
-    }
-  }
-  ZEL_DEBUG_AT(179, "Looper::Stop exited in thread %s\n", LoopThreadText().c_str());
-  lock.lock();
-  thread_id.clear();
-  loop_thread = std::thread::id();
+  ZEL_DEBUG_AT(179, "Looper::Stop exited in thread %s\n", joined.c_str());
   return 0;
 }
 
 void Looper::process() {
   const std::string self = ThreadIdString(pthread_self());
   ZEL_DEBUG_AT(193, "looper process started in thread %s\n", self.c_str());
-  while (!stopped && !destroying) {
+  while (!loop.Stopped() && !destroying) {
     Queue batch;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -135,7 +89,6 @@ void Looper::process() {
     RunBatch(batch);
   }
   ZEL_DEBUG_AT(240, "looper process exit, threadID %s\n", self.c_str());
-  in_process = false;  // the last touch of this object by the loop thread
 }
 
 void Looper::RunBatch(Queue& batch) {
@@ -143,20 +96,20 @@ void Looper::RunBatch(Queue& batch) {
     std::unique_ptr<Message> msg = std::move(batch.front());
     batch.pop_front();
     // A Stop while the batch runs drops the rest of it unrun.
-    if (!stopped && msg) msg->Run();
+    if (!loop.Stopped() && msg) msg->Run();
   }
 }
 
 int Looper::PostMessageAAA(std::unique_ptr<Message> msg) {
   msg->when = WallClockMs();
-  const bool fromLoop = CalledFromLoopThread();
+  const bool fromLoop = loop.IsCurrent();
   std::lock_guard<std::mutex> lock(mutex);
   if (fromLoop) {
     // The loop sees it on its next scan; no wake-up needed.
     queue->push_back(std::move(msg));
     return 0;
   }
-  if (stopped) return -1;
+  if (loop.Stopped()) return -1;
   queue->push_back(std::move(msg));
   cond.notify_one();
   return 0;
@@ -166,13 +119,13 @@ int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
   // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
   msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
                                      static_cast<unsigned long long>(delay_ms));
-  if (CalledFromLoopThread()) {
+  if (loop.IsCurrent()) {
     // Deliberately unlocked, unlike PostMessageAAA from the loop thread.
     queue->push_back(std::move(msg));
     return 0;
   }
   std::lock_guard<std::mutex> lock(mutex);
-  if (stopped) return -1;
+  if (loop.Stopped()) return -1;
   queue->push_back(std::move(msg));
   cond.notify_one();
   return 0;

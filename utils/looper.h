@@ -15,14 +15,14 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "utils/export.h"
+#include "utils/loop_thread.h"
 
 namespace zel {
 
-// Text of a thread handle as an output stream prints a pointer ("0x7f...").
-// Loops compare these texts to tell whether the caller is their own thread.
+// Text of a thread handle as an output stream prints a pointer ("0x7f...");
+// the loops' diagnostics name their threads by it.
 ZEL_API std::string ThreadIdString(pthread_t handle);
 
 // Base of everything a Looper runs. `when` is the due time in wall-clock
@@ -106,24 +106,15 @@ class ZEL_API Looper {
  private:
   using Queue = std::list<std::unique_ptr<Message>>;
 
-  bool CalledFromLoopThread() const;
-  void WaitForDetachedLoop();
-  std::string LoopThreadText();
   void RunBatch(Queue& batch);
 
   std::condition_variable cond;
   std::mutex mutex;
-  std::unique_ptr<std::thread> thread;
-  // Text of the loop thread's handle (diagnostics); "" when none.
-  std::string thread_id;
-  // The same thread as an atomic value, so that posters can ask "am I the
-  // loop thread?" without reading a string another thread may be writing.
-  std::atomic<std::thread::id> loop_thread{std::thread::id()};
+  // The loop thread: its start, stop and identity (for "am I the loop
+  // thread?" and the diagnostics).
+  LoopThread loop;
   std::unique_ptr<Queue> queue;
-  std::atomic<bool> stopped{true};
   std::atomic<bool> destroying{false};
-  // True from Start until the loop thread has left process().
-  std::atomic<bool> in_process{false};
 };
 
 // A loop dedicated to one kind of record: `handler` runs on the loop thread

@@ -1,10 +1,7 @@
 #include "utils/msg_bus.h"
 
 #include <chrono>
-#include <cstdio>
 #include <future>
-
-#include "utils/looper.h"
 
 namespace zel {
 
@@ -23,19 +20,11 @@ bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg
 
 }  // namespace
 
-MsgBus::MsgBus() : queue(std::make_unique<Queue>()) {}
+MsgBus::MsgBus() : loop(mutex, cond), queue(std::make_unique<Queue>()) {}
 
 MsgBus::~MsgBus() {
-  if (!stopped) Stop();
-  WaitForDetachedBusThread();
-}
-
-void MsgBus::WaitForDetachedBusThread() {
-  // A bus stopped from its own thread was detached and may still be leaving
-  // process(); it must be gone before this object is reused or freed.
-  while (in_process && stopped && !CalledFromBusThread()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  if (!loop.Stopped()) Stop();
+  loop.WaitForDetachedThread();
 }
 
 int MsgBus::Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
@@ -59,57 +48,18 @@ int MsgBus::Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
   return removed ? 0 : -1;
 }
 
-bool MsgBus::CalledFromBusThread() const { return bus_thread.load() == std::this_thread::get_id(); }
-
 int MsgBus::Start() {
-  WaitForDetachedBusThread();
-  std::lock_guard<std::mutex> lock(mutex);
-  if (!stopped) return -1;
-  stopped = false;
-  in_process = true;
-  thread = std::make_unique<std::thread>(&MsgBus::process, this);
-  thread_id = ThreadIdString(thread->native_handle());
-  bus_thread = thread->get_id();
-  return 0;
+  return loop.Start([this] { process(); });
 }
 
 int MsgBus::Stop() {
-  std::unique_lock<std::mutex> lock(mutex);
-  if (CalledFromBusThread()) {
-    // Stopping from the bus thread: it cannot join itself, so it is let go
-    // and leaves process() after the current batch.
-    stopped = true;
-    cond.notify_all();
-    if (thread && thread->joinable()) thread->detach();
-    return 0;
-  }
-  lock.unlock();
-  lock.lock();
-  if (stopped) {
-    std::puts("already stoped ");
-    return -1;
-  }
-  stopped = true;
-  cond.notify_all();
-  lock.unlock();
-
-  if (thread && thread->joinable()) {
-    if (CalledFromBusThread()) {
-      thread->detach();
-    } else {
-      thread->join();
-    }
-  }
-  lock.lock();
-  thread_id.clear();
-  bus_thread = std::thread::id();
-  return 0;
+  return loop.Stop() == LoopThread::StopResult::kAlreadyStopped ? -1 : 0;
 }
 
 int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg) {
   if (!msg) return -1;
   msg->when = WallClockMs();
-  if (CalledFromBusThread()) {
+  if (loop.IsCurrent()) {
     // From the bus thread: locked, but accepted even when stopped and without
     // a wake-up (the bus sees it on its next cycle).
     std::lock_guard<std::mutex> lock(mutex);
@@ -124,7 +74,7 @@ int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
   // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
   msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
                                      static_cast<unsigned long long>(delay));
-  if (CalledFromBusThread()) {
+  if (loop.IsCurrent()) {
     EnqueueWithoutLock(std::move(msg));
     return 0;
   }
@@ -133,7 +83,7 @@ int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
 
 int MsgBus::EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (stopped) return -1;
+  if (loop.Stopped()) return -1;
   EnqueueSorted(std::move(msg));
   cond.notify_one();
   return 0;
@@ -155,7 +105,7 @@ void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
 }
 
 void MsgBus::process() {
-  while (!stopped) {
+  while (!loop.Stopped()) {
     Queue batch;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -176,7 +126,6 @@ void MsgBus::process() {
     }
     Deliver(batch);
   }
-  in_process = false;  // the last touch of this object by the bus thread
 }
 
 void MsgBus::Deliver(Queue& batch) {
@@ -184,7 +133,7 @@ void MsgBus::Deliver(Queue& batch) {
     std::shared_ptr<BaseMsg> msg = std::move(batch.front());
     batch.pop_front();
     // After a Stop the rest of the batch is released undelivered.
-    if (stopped || !msg || subscribers.empty()) continue;
+    if (loop.Stopped() || !msg || subscribers.empty()) continue;
     const auto entry = subscribers.find(msg->msg_type);
     if (entry == subscribers.end()) continue;
     const std::list<std::weak_ptr<MsgSubscriber>> receivers = entry->second;

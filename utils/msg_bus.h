@@ -5,16 +5,14 @@
 // never on the bus thread.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
 
 #include "utils/export.h"
+#include "utils/loop_thread.h"
 
 namespace zel {
 
@@ -83,8 +81,6 @@ class ZEL_API MsgBus {
  private:
   using Queue = std::list<std::shared_ptr<BaseMsg>>;
 
-  bool CalledFromBusThread() const;
-  void WaitForDetachedBusThread();
   int EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg);
   void EnqueueSorted(std::shared_ptr<BaseMsg> msg);
   void EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg);
@@ -93,18 +89,10 @@ class ZEL_API MsgBus {
 
   std::condition_variable cond;
   std::mutex mutex;
-  std::unique_ptr<std::thread> thread;
-  // Text of the bus thread's handle; "" when none was started or after a Stop
-  // from another thread.
-  std::string thread_id;
-  // The same thread as an atomic value, so that publishers can ask "am I the
-  // bus thread?" without reading a string another thread may be writing.
-  std::atomic<std::thread::id> bus_thread{std::thread::id()};
+  // The bus thread: its start, stop and identity (for "am I the bus thread?").
+  LoopThread loop;
   // Pending messages, kept sorted by `when` (stable: ties in publication order).
   std::unique_ptr<Queue> queue;
-  std::atomic<bool> stopped{true};
-  // True from Start until the bus thread has left process().
-  std::atomic<bool> in_process{false};
   std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
 };
 
