@@ -82,6 +82,17 @@ class FnMessage : public zel::Message {
   std::function<void()> fn_;
 };
 
+// Waits until a Stop from another thread has marked `looper` stopped, seen
+// as the refusal of an empty probe message (accepted probes run as no-ops).
+bool WaitUntilPostsAreRefused(zel::Looper& looper) {
+  const auto start = Clock::now();
+  while (looper.PostMessageAAA(std::make_unique<FnMessage>([] {})) == 0) {
+    if (MsSince(start) > 10000) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 // Runs `fn` on the loop and waits until it has run.
 void RunOnLoop(zel::Looper& looper, std::function<void()> fn) {
   auto done = std::make_shared<Gate>();
@@ -421,7 +432,7 @@ TEST(Looper, StopThenStartRunsMessagesQueuedBeforeTheStop) {
   ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
   ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
   std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_TRUE(WaitUntilPostsAreRefused(looper));  // the stop landed while the blocker runs
   releaseBlocker.Open();
   stopper.join();
   EXPECT_EQ(1, tally.runs.load());
@@ -476,6 +487,65 @@ TEST(Looper, MessageStoppingItsOwnLooperDetachesAndDropsTheRestOfItsBatch) {
   RunOnLoop(looper, [] {});
   looper.Stop();
   EXPECT_EQ(3, tally.runs.load());
+}
+
+TEST(Looper, StopTwiceFromItsOwnThreadReturnsZeroBothTimesAndPrintsNothing) {
+  zeltest::DiagCapture diag;
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  std::atomic<int> first{99}, second{99};
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    first = looper.Stop();
+    second = looper.Stop();  // the loop thread never asks "already stopped?"
+  })));
+  const auto start = Clock::now();
+  while (zeltest::DiagCapture::Count("looper process exit") == 0 && MsSince(start) < 10000) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  EXPECT_EQ(0, first.load());
+  EXPECT_EQ(0, second.load());
+}
+
+TEST(Looper, StopFromAnotherThreadDropsTheRestOfTheRunningBatch) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate holding, releaseHold, firstRunning, releaseFirst;
+  Tally tally;
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    holding.Open();
+    releaseHold.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(holding.WaitFor(std::chrono::seconds(10)));
+  // Queued behind the held loop, so the next three are taken as one batch.
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    firstRunning.Open();
+    releaseFirst.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
+  releaseHold.Open();
+  ASSERT_TRUE(firstRunning.WaitFor(std::chrono::seconds(10)));
+  std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
+  EXPECT_TRUE(WaitUntilPostsAreRefused(looper));
+  releaseFirst.Open();  // Stop was waiting for this message to return
+  stopper.join();
+  EXPECT_EQ(2, tally.runs.load());       // the holder and the running message
+  EXPECT_EQ(4, tally.destroyed.load());  // the last two dropped unrun
+}
+
+TEST(Looper, StopCalledInThreadNamesNoThreadOnceStoppedFromOutside) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  ASSERT_EQ(0, looper.Stop());
+  zeltest::DiagCapture diag;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-1, looper.Stop());
+  testing::internal::GetCapturedStdout();
+  const auto lines = zeltest::DiagCapture::Lines();
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_EQ("looper.cpp Stop(151): \"Debug:\" \"Looper::Stop called in thread \n\"", lines[0].text);
 }
 
 // Dropped unrun after its Looper stopped itself; slow to go, so that the
