@@ -80,20 +80,36 @@ class Gate {
   std::promise<void> entered_;
 };
 
-// stop() notifies without the lock: called while the event thread is between
-// its test and its wait, the notification is lost and the join never returns.
-// So it is only called once the event thread went back to waiting.
-void LetEventThreadIdle() { std::this_thread::sleep_for(100ms); }
-
 zel::EventManager& Events() { return zel::EventManager::getInstance(); }
 
-// The manager is destroyed at exit, and its destructor calls stop(): give the
-// event thread time to go back to waiting after the test's last callback.
-class IdleBeforeExit : public testing::Environment {
+void Ignore(void*) {}
+
+// stop() notifies without the lock: called while the event thread is between
+// its test and its wait, that notification is lost and the join would never
+// return. So stop() runs on a helper thread while this one keeps sending an
+// event that does nothing; each sending notifies again, so the thread wakes,
+// sees it must stop, and the join returns.
+void StopEvents() {
+  Events().registerEvent("zeltest.nudge", &Ignore, nullptr);
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    Events().stop();
+    stopped = true;
+  });
+  while (!stopped) {
+    Events().sendEvent("zeltest.nudge");
+    std::this_thread::sleep_for(10ms);
+  }
+  stopper.join();
+}
+
+// The manager is destroyed at exit and its destructor calls stop(): stop it
+// safely first, so that the destructor's call finds nothing left to join.
+class StopBeforeExit : public testing::Environment {
  public:
-  void TearDown() override { LetEventThreadIdle(); }
+  void TearDown() override { StopEvents(); }
 };
-testing::Environment* const idle_before_exit = testing::AddGlobalTestEnvironment(new IdleBeforeExit);
+testing::Environment* const stop_before_exit = testing::AddGlobalTestEnvironment(new StopBeforeExit);
 
 TEST(EventManager, GetInstanceReturnsTheSameObject) {
   EXPECT_EQ(&zel::EventManager::getInstance(), &zel::EventManager::getInstance());
@@ -349,8 +365,7 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
   Events().registerEvent("e", &Record, &tag);
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(1));
-  LetEventThreadIdle();
-  Events().stop();
+  StopEvents();
   Events().sendEvent("e");
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ((std::vector<std::string>{"e"}), log.Calls());
@@ -358,9 +373,7 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
 }
 
 TEST(EventManager, SecondStopReturnsAtOnce) {
-  Events();
-  LetEventThreadIdle();
-  Events().stop();
+  StopEvents();
   const auto start = std::chrono::steady_clock::now();
   Events().stop();
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
