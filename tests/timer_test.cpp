@@ -138,10 +138,10 @@ TEST(Timer, StopWithAnIdThatWasNeverReturnedChangesNothing) {
 TEST(Timer, StoppedTimerIsNeverCalled) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  const auto id = timer.Start(200, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  const auto id = timer.Start(500, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
   timer.Stop(id);
   timer.Stop(id);  // already gone: ignored
-  std::this_thread::sleep_for(600ms);
+  std::this_thread::sleep_for(900ms);
   EXPECT_EQ(0, calls.load());
 }
 
@@ -188,17 +188,45 @@ TEST(Timer, CallbacksRunOnTheTimerThread) {
 }
 
 TEST(Timer, DestructionDropsPendingTimersUncalled) {
-  std::atomic<int> calls{0};
+  std::atomic<int> pendingCalls{0};
+  std::atomic<int> repeatingCalls{0};
   {
     zel::Timer timer;
-    timer.Start(300, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
-    timer.Start(0, [&](unsigned long long, void*) { ++calls; }, true, nullptr);
+    timer.Start(60000, [&](unsigned long long, void*) { ++pendingCalls; }, false, nullptr);
+    timer.Start(0, [&](unsigned long long, void*) { ++repeatingCalls; }, true, nullptr);
     std::this_thread::sleep_for(50ms);
   }
-  const int atDestruction = calls.load();
+  const int atDestruction = repeatingCalls.load();
   std::this_thread::sleep_for(500ms);
-  EXPECT_EQ(atDestruction, calls.load());
-  EXPECT_LE(atDestruction, 1);
+  EXPECT_EQ(0, pendingCalls.load());  // not fired on the way out
+  EXPECT_EQ(atDestruction, repeatingCalls.load());
+}
+
+TEST(Timer, DestructorWaitsForTheRunningCallback) {
+  std::atomic<bool> running{false};
+  std::atomic<bool> finished{false};
+  {
+    zel::Timer timer;
+    timer.Start(0, [&](unsigned long long, void*) {
+      running = true;
+      std::this_thread::sleep_for(200ms);
+      finished = true;
+    }, false, nullptr);
+    ASSERT_TRUE(WaitUntil([&] { return running.load(); }));
+  }
+  EXPECT_TRUE(finished.load());
+}
+
+TEST(Timer, StartFromACallbackSchedulesAnotherTimer) {
+  zel::Timer timer;
+  std::atomic<unsigned long long> startedId{0};
+  std::atomic<unsigned long long> firedId{0};
+  timer.Start(0, [&](unsigned long long, void*) {
+    startedId = timer.Start(0, [&](unsigned long long id, void*) { firedId = id; }, false, nullptr);
+  }, false, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return firedId.load() != 0; }));
+  EXPECT_EQ(2u, startedId.load());
+  EXPECT_EQ(2u, firedId.load());
 }
 
 TEST(Timer, ClockCountsMillisecondsSinceTheLibraryWasLoaded) {
