@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -76,6 +77,15 @@ TEST(Worker, DoAsyncOnAStoppedLooperReturnsAndTheClosureNeverRuns) {
   worker.DoSync([] {});
   looper.Stop();
   EXPECT_FALSE(ran.load());
+}
+
+TEST(Worker, RefusedDoAsyncFreesItsCopyOfTheClosure) {
+  zel::Looper looper;  // never started: every post is refused
+  zel::Worker worker(&looper);
+  auto captured = std::make_shared<int>(0);
+  worker.DoAsync([captured] { ++*captured; });
+  EXPECT_EQ(1, captured.use_count());  // the refused message took its copy with it
+  EXPECT_EQ(0, *captured);
 }
 
 TEST(Worker, DoSyncOnAStoppedLooperNeverReturns) {
