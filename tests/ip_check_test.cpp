@@ -154,7 +154,9 @@ class LoopbackSocket {
     fd_set writable;
     FD_ZERO(&writable);
     FD_SET(fd, &writable);
-    timeval timeout{0, static_cast<suseconds_t>(wait_s * 1e6)};
+    const auto wait_us = static_cast<long long>(wait_s * 1e6);
+    timeval timeout{static_cast<time_t>(wait_us / 1000000),
+                    static_cast<suseconds_t>(wait_us % 1000000)};
     return select(fd + 1, nullptr, &writable, nullptr, &timeout) == 1;
   }
 
@@ -166,6 +168,13 @@ class LoopbackSocket {
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Number of descriptors this process has open.
+size_t OpenDescriptorCount() {
+  size_t count = 0;
+  for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
+  return count;
 }
 
 // --- check_ip_port ---
@@ -192,6 +201,21 @@ TEST(IpCheckPort, FullAcceptQueueTimesOutAfterOneSecond) {
   const double elapsed = SecondsSince(start);
   EXPECT_GE(elapsed, 0.95);
   EXPECT_LT(elapsed, 10.0);
+}
+
+TEST(IpCheckPort, OnlyTheLow16BitsOfThePortCount) {
+  LoopbackSocket listener(16);
+  EXPECT_TRUE(check_ip_port("127.0.0.1", listener.port() + 65536));
+}
+
+TEST(IpCheckPort, EveryOutcomeClosesItsSocket) {
+  LoopbackSocket listener(16);
+  LoopbackSocket bound_only(-1);
+  const size_t before = OpenDescriptorCount();
+  EXPECT_TRUE(check_ip_port("127.0.0.1", listener.port()));
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after a reachable probe";
+  EXPECT_FALSE(check_ip_port("127.0.0.1", bound_only.port()));
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after a refused probe";
 }
 
 TEST(IpCheckPort, DiagnosticsFrameTheProbeWithLiteralBackslashN) {
@@ -323,6 +347,34 @@ TEST(IpCheckIcmp, TwoRetriesMakeAtMostThreeAttempts) {
   const size_t sent = sniffer.Drain(8, OwnIdentifier()).size();
   EXPECT_GE(sent, 2u);  // the first attempt always meets the own request
   EXPECT_LE(sent, 3u);
+}
+
+TEST(IpCheckIcmp, EveryAttemptSendsTheSameRequest) {
+  REQUIRE_ROOT();
+  IcmpSniffer sniffer;
+  ASSERT_TRUE(sniffer.ok());
+  gFailReceives = true;  // each attempt fails at once, so all three are made
+  const bool replied = check_ip_by_icmp("127.0.0.1", 1000, 2);
+  gFailReceives = false;
+  EXPECT_FALSE(replied);
+  const auto requests = sniffer.Drain(8, OwnIdentifier());
+  ASSERT_EQ(3u, requests.size());
+  for (const auto& request : requests) EXPECT_EQ(ExpectedEchoRequest(OwnIdentifier()), request);
+}
+
+TEST(IpCheckIcmp, EveryOutcomeClosesItsSocket) {
+  REQUIRE_ROOT();
+  const size_t before = OpenDescriptorCount();
+  EXPECT_FALSE(check_ip_by_icmp("300.1.1.1", 1000, 1));
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after an address it refused";
+  EXPECT_FALSE(check_ip_by_icmp("127.0.0.1", 1000, -1));
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after no attempt";
+  gFailReceives = true;
+  EXPECT_FALSE(check_ip_by_icmp("127.0.0.1", 1000, 1));
+  gFailReceives = false;
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after failed attempts";
+  EXPECT_TRUE(check_ip_by_icmp("127.0.0.1", 1000, 20));
+  EXPECT_EQ(before, OpenDescriptorCount()) << "after a reply";
 }
 
 TEST(IpCheckIcmp, LoopbackAnswersWithinRetries) {

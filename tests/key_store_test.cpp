@@ -391,6 +391,14 @@ TEST_F(KeyStoreTest, PutKeyStringTakesAnEmptyLineForTheHeader) {
   EXPECT_EQ("\n[b]\nk=2\n", Settings());
 }
 
+TEST_F(KeyStoreTest, GetKeyStringSkipsTheEmptyLineThatPutKeyStringTakesForTheHeader) {
+  // The same file as above, read instead of written: lookups skip lines
+  // shorter than two bytes, so section "a" is never entered.
+  Settings("\n[b]\nk=1\n");
+  EXPECT_EQ("", Get("a", "k"));
+  EXPECT_EQ("1", Get("b", "k"));
+}
+
 TEST_F(KeyStoreTest, PutKeyStringOnLastLineWithoutNewlineAddsOne) {
   Settings("[s]\nk=12");
   EXPECT_EQ(0, PutKeyString("s", "k", "34"));

@@ -92,6 +92,13 @@ TEST(ProcessInfo, ProcessUidOfThisProgramIsOurRealUid) {
   EXPECT_EQ(static_cast<int>(getuid()), getProcessUid(get_process_name()));
 }
 
+TEST(ProcessInfo, ProcessUidMatchesTheWholeFileNameOnly) {
+  const std::string name = get_process_name();
+  ASSERT_GT(name.size(), 1u);
+  EXPECT_EQ(-1, getProcessUid(name.substr(0, name.size() - 1)));  // a prefix
+  EXPECT_EQ(-1, getProcessUid(get_process_dir() + "/" + name));  // the full path
+}
+
 TEST_F(ProcessInfoCopy, ProcessUidOfAnotherUsersProcessIsThatUsersId) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to start a process as another user";
   const passwd* nobody = getpwnam("nobody");
