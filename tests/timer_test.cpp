@@ -160,7 +160,6 @@ TEST(Timer, StopFromItsOwnCallbackEndsARepeatingTimer) {
   const int afterFirstScan = calls.load();
   std::this_thread::sleep_for(500ms);
   EXPECT_EQ(afterFirstScan, calls.load());
-  EXPECT_LE(afterFirstScan, 3);
 }
 
 TEST(Timer, StopFromItsOwnCallbackLeavesASlowerRepeatingTimerCalledOnce) {
