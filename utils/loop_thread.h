@@ -44,7 +44,8 @@ class LoopThread {
 
   bool Stopped() const { return stopped; }
   bool IsCurrent() const { return current.load() == std::this_thread::get_id(); }
-  // Text of the running thread's handle (ThreadIdString), "" when none.
+  // Text of the thread's handle (ThreadIdString): "" before the first Start
+  // and after a Stop from another thread; kept after a Stop from itself.
   std::string Text();
 
  private:
