@@ -117,6 +117,27 @@ class FileTest : public ::testing::Test {
 using FileOperation = FileTest;
 using PrinterFile = FileTest;
 
+// Printer-file tests that put a file at the local name: the application
+// folder must exist, and where it belongs to a running client's user (root
+// with an "orvane" process) it is not for tests to write.
+class PrinterFileLocalCopy : public FileTest {
+ protected:
+  void SetUp() override {
+    FileTest::SetUp();
+    if (HasFatalFailure()) return;
+    folder_ = GetAppDataPath();
+    if (getuid() == 0 && !folder_.empty()) {
+      GTEST_SKIP() << "a process named orvane runs: its user's folder " << folder_
+                   << " is not for tests to write";
+    }
+    if (!folder_.empty()) {
+      ASSERT_EQ(0, std::system(("mkdir -p '" + folder_ + "'").c_str()));
+    }
+  }
+
+  std::string folder_;
+};
+
 // --- small helpers ---
 
 TEST_F(FileOperation, GetFileSizeGivesByteCount) {
@@ -304,17 +325,9 @@ TEST_F(PrinterFile, ChunksInAnyOrderGiveTheSameFile) {
   EXPECT_EQ(contents[0], contents[1]);
 }
 
-TEST_F(PrinterFile, FirstChunkRemovesLocalNameFileNotTmpFile) {
-  const std::string folder = GetAppDataPath();
-  if (getuid() == 0 && !folder.empty()) {
-    GTEST_SKIP() << "a process named orvane runs: its user's folder " << folder
-                 << " is not for tests to write";
-  }
-  if (!folder.empty()) {
-    ASSERT_EQ(0, std::system(("mkdir -p '" + folder + "'").c_str()));
-  }
+TEST_F(PrinterFileLocalCopy, FirstChunkRemovesLocalNameFileNotTmpFile) {
   const std::string name = TmpFileName("remove");
-  const std::string expected_local = folder + "\\7_2_user_" + name;
+  const std::string expected_local = folder_ + "\\7_2_user_" + name;
   WriteFile(expected_local, "stale local copy");
   WriteFile("/tmp/" + name, "0123456789");
   ASSERT_TRUE(zel::fileExists(expected_local.c_str()));
@@ -329,17 +342,9 @@ TEST_F(PrinterFile, FirstChunkRemovesLocalNameFileNotTmpFile) {
   EXPECT_EQ("ab23456789", ReadFile("/tmp/" + name));
 }
 
-TEST_F(PrinterFile, LaterChunkLeavesLocalNameFile) {
-  const std::string folder = GetAppDataPath();
-  if (getuid() == 0 && !folder.empty()) {
-    GTEST_SKIP() << "a process named orvane runs: its user's folder " << folder
-                 << " is not for tests to write";
-  }
-  if (!folder.empty()) {
-    ASSERT_EQ(0, std::system(("mkdir -p '" + folder + "'").c_str()));
-  }
+TEST_F(PrinterFileLocalCopy, LaterChunkLeavesLocalNameFile) {
   const std::string name = TmpFileName("keep");
-  const std::string local = folder + "\\7_2_user_" + name;
+  const std::string local = folder_ + "\\7_2_user_" + name;
   WriteFile(local, "kept");
   std::string local_name;
   ASSERT_EQ(0, Save(Chunk(7, 2, "x/" + name, 4, 2, "cd"), "user_", local_name));
