@@ -12,8 +12,11 @@ struct PendingThrows {
   bool nonStandard = false;
 };
 std::map<std::string, PendingThrows> gThrows;  // by function name
+std::map<std::string, int> gResults;           // by function name; 0 if absent
 
-void Record(TracerCall call) {
+// Records the call (or throws, if a test asked for it); returns the result
+// the call is to give.
+int Record(TracerCall call) {
   std::lock_guard<std::mutex> lock(gMutex);
   auto pending = gThrows.find(call.function);
   if (pending != gThrows.end() && pending->second.count > 0) {
@@ -21,20 +24,20 @@ void Record(TracerCall call) {
     if (pending->second.nonStandard) throw 42;
     throw std::runtime_error("stand-in Tracer::" + call.function + " failed");
   }
+  const int result = gResults[call.function];
   gCalls.push_back(std::move(call));
+  return result;
 }
 }  // namespace
 
 int Tracer::post(const std::string& content, const std::string& module) {
-  Record({"post", {content, module}});
-  return 0;
+  return Record({"post", {content, module}});
 }
 
 int Tracer::traceRaw(const std::string& content, const std::string& module,
                      const std::string& traceId, const std::string& spanId,
                      const std::string& event, const std::string& parentSpan) {
-  Record({"traceRaw", {content, module, traceId, spanId, event, parentSpan}});
-  return 0;
+  return Record({"traceRaw", {content, module, traceId, spanId, event, parentSpan}});
 }
 
 std::vector<TracerCall> TracerRecordedCalls() {
@@ -50,4 +53,9 @@ void TracerClearRecordedCalls() {
 void TracerThrowFromNextCalls(const std::string& function, int count, bool nonStandard) {
   std::lock_guard<std::mutex> lock(gMutex);
   gThrows[function] = {count, nonStandard};
+}
+
+void TracerSetResult(const std::string& function, int result) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gResults[function] = result;
 }

@@ -1,6 +1,7 @@
 // Stand-in for the client's closed tracing library. Each call is recorded,
 // with all its arguments in order, so that tests and the demo can read back
-// what reached the tracing library.
+// what reached the tracing library, and returns 0 unless a test set another
+// result.
 #pragma once
 
 #include <string>
@@ -27,3 +28,6 @@ void TracerClearRecordedCalls();
 // throw instead of recording (std::runtime_error, or a plain int when
 // `nonStandard` is set); 0 ends it.
 void TracerThrowFromNextCalls(const std::string& function, int count, bool nonStandard = false);
+// Test hook: what `function` ("post" or "traceRaw") returns from now on;
+// 0 until set.
+void TracerSetResult(const std::string& function, int result);

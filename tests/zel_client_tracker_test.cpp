@@ -25,6 +25,8 @@ class ZelClientTracker : public testing::Test {
   void TearDown() override {
     TracerThrowFromNextCalls("post", 0);
     TracerThrowFromNextCalls("traceRaw", 0);
+    TracerSetResult("post", 0);
+    TracerSetResult("traceRaw", 0);
   }
   static TracerCall OnlyTracerCall() {
     const auto calls = TracerRecordedCalls();
@@ -65,6 +67,13 @@ TEST_F(ZelClientTracker, PostTraceWithIdCallsTraceRawWithModuleZel) {
   const TracerCall call = OnlyTracerCall();
   EXPECT_EQ("traceRaw", call.function);
   EXPECT_EQ((std::vector<std::string>{"content", "zel", "t1", "s1", "open", "p1"}), call.args);
+}
+
+TEST_F(ZelClientTracker, PostTraceAndPostTraceWithIdGiveTheLibrarysResult) {
+  TracerSetResult("post", 7);
+  TracerSetResult("traceRaw", -3);
+  EXPECT_EQ(7, tracker.PostTrace("x"));
+  EXPECT_EQ(-3, tracker.PostTraceWithId("t1", "s1", "open", "content", "p1"));
 }
 
 TEST_F(ZelClientTracker, PostTraceWithIdWritesItsDebugDiagnostic) {
