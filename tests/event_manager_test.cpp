@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -370,6 +371,19 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ((std::vector<std::string>{"e"}), log.Calls());
   // The process then exits with the sending still queued, never calling it.
+}
+
+void Throw(void*) { throw std::runtime_error("callback failed"); }
+
+TEST(EventManagerDeathTest, CallbackThatThrowsEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        Events().registerEvent("throws", &Throw, nullptr);
+        Events().sendEvent("throws");
+        std::this_thread::sleep_for(5s);
+      },
+      "");
 }
 
 TEST(EventManager, SecondStopReturnsAtOnce) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -226,6 +227,17 @@ TEST(Timer, StartFromACallbackSchedulesAnotherTimer) {
   ASSERT_TRUE(WaitUntil([&] { return firedId.load() != 0; }));
   EXPECT_EQ(2u, startedId.load());
   EXPECT_EQ(2u, firedId.load());
+}
+
+TEST(TimerDeathTest, EmptyCallbackEndsTheProcessWhenDue) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        zel::Timer timer;
+        timer.Start(0, std::function<void(unsigned long long, void*)>(), false, nullptr);
+        std::this_thread::sleep_for(5s);
+      },
+      "");
 }
 
 TEST(Timer, ClockCountsMillisecondsSinceTheLibraryWasLoaded) {
