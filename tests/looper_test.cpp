@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/diag_capture.h"
+#include "support/spin_barrier.h"
 #include "utils/timer.h"
 
 namespace {
@@ -87,6 +88,16 @@ class FnMessage : public zel::Message {
 bool WaitUntilPostsAreRefused(zel::Looper& looper) {
   const auto start = Clock::now();
   while (looper.PostMessageAAA(std::make_unique<FnMessage>([] {})) == 0) {
+    if (MsSince(start) > 10000) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Polls `done` for up to 10 s; the result of the last poll.
+bool WaitUntil(const std::function<bool()>& done) {
+  const auto start = Clock::now();
+  while (!done()) {
     if (MsSince(start) > 10000) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -603,6 +614,143 @@ TEST(Looper, RestartAfterStoppingItselfWaitsForTheOldThreadToLetGo) {
   std::set<std::thread::id> threads;
   for (int i = 0; i < 3; ++i) RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
   EXPECT_EQ(1u, threads.size());
+  EXPECT_EQ(0, looper.Stop());
+}
+
+// Tracks how many messages run at once: above one means two loop threads.
+struct OverlapProbe {
+  std::atomic<int> inside{0};
+  std::atomic<int> maxInside{0};
+  std::atomic<int> runs{0};
+  void Enter() {
+    const int now = ++inside;
+    int seen = maxInside.load();
+    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
+    }
+    ++runs;
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+    --inside;
+  }
+};
+
+TEST(Looper, ConcurrentStartAndStopFromTwoThreadsReturnAndNeverRunTwoLoops) {
+  constexpr int kRounds = 400;
+  zel::Looper looper;
+  OverlapProbe probe;
+  std::atomic<bool> done{false};
+  zeltest::SpinBarrier barrier(2);
+  testing::internal::CaptureStdout();  // "already stoped " lines
+  // Each round starts with a running loop; the Start lands at varying points
+  // of the Stop (often while it joins the thread).
+  std::thread starter([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      looper.Start();
+      barrier.Arrive();
+      std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
+      looper.Start();
+      barrier.Arrive();
+    }
+  });
+  std::thread stopper([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      barrier.Arrive();
+      looper.Stop();
+      barrier.Arrive();
+    }
+  });
+  std::thread poster([&] {
+    while (!done) {
+      looper.PostMessageAAA(std::make_unique<FnMessage>([&] { probe.Enter(); }));
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+  });
+  starter.join();
+  stopper.join();
+  done = true;
+  poster.join();
+  testing::internal::GetCapturedStdout();
+  EXPECT_LE(probe.maxInside.load(), 1);
+  // Whatever the last call was, the loop is in one clean state.
+  looper.Start();
+  std::set<std::thread::id> threads;
+  for (int i = 0; i < 3; ++i) RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
+  EXPECT_EQ(1u, threads.size());
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, RestartFromItsOwnThreadLeavesOneLoopAndDropsTheOldBatch) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate blocking, release;
+  Tally tally;
+  OverlapProbe probe;
+  std::atomic<int> restartResult{99};
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    blocking.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
+  // One batch: the restart, then two messages the old thread must not run.
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
+    looper.Stop();
+    restartResult = looper.Start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] { probe.Enter(); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] { probe.Enter(); })));
+  release.Open();
+  ASSERT_TRUE(WaitUntil([&] { return tally.destroyed.load() == 4; }));
+  EXPECT_EQ(0, restartResult.load());
+  EXPECT_EQ(2, tally.runs.load());  // the old batch's rest was dropped unrun
+  // The new thread is the only loop.
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] { probe.Enter(); })));
+  }
+  RunOnLoop(looper, [] {});
+  EXPECT_EQ(20, probe.runs.load());
+  EXPECT_LE(probe.maxInside.load(), 1);
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, StopStartStopFromItsOwnThreadReturnsAndLeavesItStopped) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  std::atomic<int> results[3] = {{99}, {99}, {99}};
+  auto done = std::make_shared<Gate>();
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&, done] {
+    results[0] = looper.Stop();
+    results[1] = looper.Start();
+    results[2] = looper.Stop();  // joins the successor: this thread is no longer the loop
+    done->Open();
+  })));
+  ASSERT_TRUE(done->WaitFor(std::chrono::seconds(10)));
+  EXPECT_EQ(0, results[0].load());
+  EXPECT_EQ(0, results[1].load());
+  EXPECT_EQ(0, results[2].load());
+  EXPECT_EQ(-1, looper.PostMessageAAA(std::make_unique<FnMessage>([] {})));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-1, looper.Stop());
+  EXPECT_EQ("already stoped \n", testing::internal::GetCapturedStdout());
+}
+
+TEST(Looper, StartFromTheLoopThreadWhileAnotherThreadStopsItIsRefused) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate running, stopping;
+  std::atomic<int> startResult{99};
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    running.Open();
+    stopping.WaitFor(std::chrono::seconds(30));
+    startResult = looper.Start();
+  })));
+  ASSERT_TRUE(running.WaitFor(std::chrono::seconds(10)));
+  std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
+  ASSERT_TRUE(WaitUntilPostsAreRefused(looper));  // the stopper is joining now
+  stopping.Open();
+  stopper.join();
+  EXPECT_EQ(-1, startResult.load());
+  EXPECT_EQ(-1, looper.PostMessageAAA(std::make_unique<FnMessage>([] {})));
+  EXPECT_EQ(0, looper.Start());
   EXPECT_EQ(0, looper.Stop());
 }
 

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/spin_barrier.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -403,6 +405,54 @@ TEST(MsgBus, StopThenStartDeliversMessagesQueuedForTheFuture) {
   ASSERT_EQ(0, bus.Start());
   ASSERT_TRUE(log.WaitForCount(2, 5s));
   EXPECT_EQ((std::vector<std::string>{"s:1", "s:2"}), log.Names());
+  EXPECT_EQ(0, bus.Stop());
+}
+
+TEST(MsgBus, ConcurrentStartAndStopFromTwoThreadsReturnAndLeaveOneBusThread) {
+  constexpr int kRounds = 400;
+  DeliveryLog log;
+  auto sub = MakeRecorder("s", log);
+  DeliveryLog traffic;
+  auto busy = MakeRecorder("busy", traffic);
+  zel::MsgBus bus;
+  bus.Subscribe(kType, sub);
+  bus.Subscribe(kOtherType, busy);
+  zeltest::SpinBarrier barrier(2);
+  testing::internal::CaptureStdout();  // "already stoped " lines
+  // Each round starts with a running bus; the Start lands at varying points
+  // of the Stop (often while it joins the bus thread).
+  std::thread starter([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      bus.Start();
+      barrier.Arrive();
+      std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
+      bus.Start();
+      barrier.Arrive();
+    }
+  });
+  std::thread stopper([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      barrier.Arrive();
+      bus.Stop();
+      barrier.Arrive();
+    }
+  });
+  std::atomic<bool> done{false};
+  std::thread publisher([&] {
+    while (!done) {
+      bus.PublishMsg(std::make_shared<TestMsg>(kOtherType));
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+  });
+  starter.join();
+  stopper.join();
+  done = true;
+  publisher.join();
+  testing::internal::GetCapturedStdout();
+  bus.Start();
+  for (int id = 1; id <= 3; ++id) ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, id)));
+  ASSERT_TRUE(log.WaitForCount(3));
+  EXPECT_EQ((std::vector<std::string>{"s:1", "s:2", "s:3"}), log.Names());
   EXPECT_EQ(0, bus.Stop());
 }
 

@@ -1,6 +1,5 @@
 #include "utils/loop_thread.h"
 
-#include <chrono>
 #include <cstdio>
 
 #include "utils/looper.h"
@@ -11,19 +10,23 @@ LoopThread::LoopThread(std::mutex& mutex, std::condition_variable& wake)
     : mutex(mutex), wake(wake) {}
 
 int LoopThread::Start(std::function<void()> body) {
-  WaitForDetachedThread();
-  std::lock_guard<std::mutex> lock(mutex);
+  std::unique_lock<std::mutex> lock(mutex);
   if (!stopped) return -1;
+  if (IsCurrent()) {
+    // A Stop on another thread is joining this very thread: it cannot start
+    // a successor and still be joined.
+    if (joining) return -1;
+  } else {
+    settled.wait(lock, [this] { return !joining && threads_in_body == 0; });
+    if (!stopped) return -1;  // another Start won while we waited
+  }
   stopped = false;
-  // Set before the thread exists: it clears the flag as its very last step.
-  in_body = true;
+  ++threads_in_body;
   try {
-    thread = std::make_unique<std::thread>([this, body = std::move(body)] {
-      body();
-      in_body = false;  // the last touch of this object by the thread
-    });
+    // Replaces a thread object that an earlier Stop joined or detached.
+    thread = std::make_unique<std::thread>([this, body = std::move(body)] { RunAlone(body); });
   } catch (...) {
-    in_body = false;  // no thread to wait for; `stopped` stays false until a Stop
+    --threads_in_body;  // no thread; `stopped` stays false until a Stop
     throw;
   }
   text = ThreadIdString(thread->native_handle());
@@ -31,14 +34,29 @@ int LoopThread::Start(std::function<void()> body) {
   return 0;
 }
 
+void LoopThread::RunAlone(const std::function<void()>& body) {
+  {
+    // A predecessor that restarted the loop from its own thread may still be
+    // finishing its step; it leaves as soon as it sees it is not current.
+    // A Stop meanwhile lets it through at once: the body then returns
+    // without running anything, and the predecessor may be the stopper.
+    std::unique_lock<std::mutex> lock(mutex);
+    settled.wait(lock, [this] { return threads_in_body == 1 || stopped; });
+  }
+  body();
+  std::lock_guard<std::mutex> lock(mutex);
+  --threads_in_body;
+  settled.notify_all();  // the last touch of this object by the thread
+}
+
 LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
   std::unique_lock<std::mutex> lock(mutex);
   if (IsCurrent()) {
     // The thread cannot join itself: it is let go, and leaves its body once
-    // the step in progress is done.
+    // the step in progress is done. (Unless another Stop is joining it.)
     stopped = true;
     wake.notify_all();
-    if (thread && thread->joinable()) thread->detach();
+    if (!joining && thread && thread->joinable()) thread->detach();
     return StopResult::kLetGo;
   }
   lock.unlock();
@@ -49,20 +67,26 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
   }
   stopped = true;
   wake.notify_all();
+  settled.notify_all();
+  // Start waits while `joining`, so the object stays put outside the lock.
+  std::thread* const joined = thread.get();
+  joining = true;
   lock.unlock();
 
-  if (thread && thread->joinable()) thread->join();
+  if (joined && joined->joinable()) joined->join();
   lock.lock();
+  joining = false;
   if (joined_text) *joined_text = text;
   text.clear();
   current = std::thread::id();
+  settled.notify_all();
   return StopResult::kJoined;
 }
 
 void LoopThread::WaitForDetachedThread() {
-  while (in_body && stopped && !IsCurrent()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  std::unique_lock<std::mutex> lock(mutex);
+  const int own = IsCurrent() ? 1 : 0;
+  settled.wait(lock, [this, own] { return threads_in_body <= own; });
 }
 
 std::string LoopThread::Text() {

@@ -67,7 +67,7 @@ int Looper::Stop() {
 void Looper::process() {
   const std::string self = ThreadIdString(pthread_self());
   ZEL_DEBUG_AT(193, "looper process started in thread %s\n", self.c_str());
-  while (!loop.Stopped() && !destroying) {
+  while (loop.ShouldRun() && !destroying) {
     Queue batch;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -95,8 +95,9 @@ void Looper::RunBatch(Queue& batch) {
   while (!batch.empty()) {
     std::unique_ptr<Message> msg = std::move(batch.front());
     batch.pop_front();
-    // A Stop while the batch runs drops the rest of it unrun.
-    if (!loop.Stopped() && msg) msg->Run();
+    // A Stop (or a restart on a newer thread) while the batch runs drops
+    // the rest of it unrun.
+    if (loop.ShouldRun() && msg) msg->Run();
   }
 }
 

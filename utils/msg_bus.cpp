@@ -105,7 +105,7 @@ void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
 }
 
 void MsgBus::process() {
-  while (!loop.Stopped()) {
+  while (loop.ShouldRun()) {
     Queue batch;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -132,8 +132,9 @@ void MsgBus::Deliver(Queue& batch) {
   while (!batch.empty()) {
     std::shared_ptr<BaseMsg> msg = std::move(batch.front());
     batch.pop_front();
-    // After a Stop the rest of the batch is released undelivered.
-    if (loop.Stopped() || !msg || subscribers.empty()) continue;
+    // After a Stop (or a restart on a newer thread) the rest of the batch is
+    // released undelivered.
+    if (!loop.ShouldRun() || !msg || subscribers.empty()) continue;
     const auto entry = subscribers.find(msg->msg_type);
     if (entry == subscribers.end()) continue;
     const std::list<std::weak_ptr<MsgSubscriber>> receivers = entry->second;
