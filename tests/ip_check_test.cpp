@@ -265,6 +265,61 @@ TEST(IpCheckPort, SocketCreationFailureIsDebugDiagnostic) {
                                std::string(std::strerror(EMFILE)) + "(errno: 24)\\n\""));
 }
 
+// Holds every descriptor below `floor`, so that the next socket gets a
+// number at or above it (the client's processes hold many descriptors).
+class DescriptorsBelow {
+ public:
+  explicit DescriptorsBelow(int floor) {
+    EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved_));
+    rlimit more = saved_;
+    const rlim_t wanted = static_cast<rlim_t>(floor) + 64;
+    if (more.rlim_cur < wanted) more.rlim_cur = wanted;
+    if (more.rlim_max < wanted) more.rlim_max = wanted;  // root may raise it
+    EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &more)) << std::strerror(errno);
+    for (;;) {
+      const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+      if (fd < 0) break;
+      held_.push_back(fd);
+      if (fd >= floor - 1) break;
+    }
+  }
+  ~DescriptorsBelow() {
+    for (int fd : held_) close(fd);
+    setrlimit(RLIMIT_NOFILE, &saved_);
+  }
+  // The number the next descriptor will get.
+  static int Next() {
+    const int fd = open("/dev/null", O_RDONLY);
+    close(fd);
+    return fd;
+  }
+
+ private:
+  rlimit saved_{};
+  std::vector<int> held_;
+};
+
+TEST(IpCheckPort, SocketNumberAbove1024IsWaitedForLikeAnyOther) {
+  LoopbackSocket listener(16);
+  LoopbackSocket bound_only(-1);
+  DescriptorsBelow busy(1030);
+  ASSERT_GE(DescriptorsBelow::Next(), 1030);
+  EXPECT_TRUE(check_ip_port("127.0.0.1", listener.port()));
+  EXPECT_FALSE(check_ip_port("127.0.0.1", bound_only.port()));
+  EXPECT_EQ(1030, DescriptorsBelow::Next());  // both probes closed their socket
+}
+
+TEST(IpCheckPort, SocketNumberAbove1024StillTimesOutAfterOneSecond) {
+  LoopbackSocket listener(0);
+  ASSERT_TRUE(listener.ConnectPending(5.0));
+  DescriptorsBelow busy(1030);
+  const auto start = Clock::now();
+  EXPECT_FALSE(check_ip_port("127.0.0.1", listener.port()));
+  const double elapsed = SecondsSince(start);
+  EXPECT_GE(elapsed, 0.95);
+  EXPECT_LT(elapsed, 10.0);
+}
+
 // --- check_ip_by_icmp ---
 
 TEST(IpCheckIcmp, EchoRequestMatchesIndependentlyBuiltOne) {

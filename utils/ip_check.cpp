@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -24,6 +24,7 @@ constexpr uint8_t kIcmpEchoReply = 0;
 // SO_ERROR on macOS (SO_RCVTIMEO is 0x1006), so the call fails there.
 constexpr int kReceiveTimeoutOption = 0x1007;
 constexpr useconds_t kSendFailurePauseUs = 500000;
+constexpr int kConnectTimeoutMs = 1000;
 
 // RFC 1071 Internet checksum of an even number of bytes.
 uint16_t InternetChecksum(const unsigned char* data, size_t size) {
@@ -82,11 +83,10 @@ extern "C" bool check_ip_port(const std::string& ip, int port) {
   bool reachable = false;
   const int rc = connect(sock, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
   if (rc == 0 || errno == EINPROGRESS) {
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(sock, &writable);
-    timeval timeout{1, 0};
-    if (select(sock + 1, nullptr, &writable, nullptr, &timeout) >= 1) {
+    // poll, not select: a fixed-size fd_set cannot hold descriptors of 1024
+    // and above, which busy client processes reach.
+    pollfd writable{sock, POLLOUT, 0};
+    if (poll(&writable, 1, kConnectTimeoutMs) >= 1) {
       int error = 0;
       socklen_t error_len = sizeof(error);
       getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &error_len);
