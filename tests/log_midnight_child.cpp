@@ -1,10 +1,16 @@
-// Helper for the midnight tests, run under faketime starting shortly before
-// midnight: writes a line before and a line after the local date changes,
-// then waits until the second line is on disk.
+// Helper for the tests of a changing local date, run under faketime.
+// Started shortly before midnight, the first three modes write a line before
+// and a line after the local date changes, then wait until the second line is
+// on disk:
 //
 //   log_midnight_child logger     <base/>            process log via log_print
 //   log_midnight_child relocated  <base/> <base2/>   switches the base while running
 //   log_midnight_child loggerfile <dir/>             a LoggerFile
+//
+// Under a frozen clock, the fourth moves the time zone (as a travelling
+// laptop does) just before the process log passes its size limit:
+//
+//   log_midnight_child zonejump   <base/>            lines "zone NNNNN" 0..kZoneLines-1
 //
 // Exit status 0 once the last line was written, 2 on a time-out, 1 on bad use.
 #include <time.h>
@@ -60,6 +66,33 @@ int WaitForLine(const std::string& dir, const std::string& needle) {
   return 2;
 }
 
+// Lines of about 990 bytes with their prefix: the first kZoneLinesBefore stay
+// just under the size limit, the zone moves 26 hours, then the rest would
+// cross the limit.
+constexpr int kZoneLinesBefore = 5200;
+constexpr int kZoneLines = 5600;
+
+std::string ZoneLine(int i) {
+  char head[32];
+  snprintf(head, sizeof(head), "zone %05d ", i);
+  return std::string(head) + std::string(950 - strlen(head), 'z');
+}
+
+int ZoneJump(const std::string& base) {
+  setenv("TZ", "AAA12", 1);
+  tzset();
+  zel_set_log_path(base.c_str());
+  for (int i = 0; i < kZoneLines; ++i) {
+    if (i == kZoneLinesBefore) {
+      if (WaitForLine(base, ZoneLine(i - 1).substr(0, 11)) != 0) return 2;
+      setenv("TZ", "BBB-14", 1);  // 26 hours east: another date, whatever the time
+      tzset();
+    }
+    log_print(3, 0, "%s", ZoneLine(i).c_str());
+  }
+  return WaitForLine(base, ZoneLine(kZoneLines - 1).substr(0, 11));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,6 +106,7 @@ int main(int argc, char** argv) {
     file.Log("after midnight\n");
     return WaitForLine(base, "after midnight");
   }
+  if (mode == "zonejump") return ZoneJump(base);
   if (mode == "logger" || (mode == "relocated" && argc == 4)) {
     zel_set_log_path(base.c_str());
     log_print(3, 0, "before midnight");

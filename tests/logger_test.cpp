@@ -393,4 +393,21 @@ TEST_F(LoggerMidnight, BaseOfOtherLengthIsCutToTheCapturedLength) {
   EXPECT_TRUE(FileNames(second + "20300315/").empty());
 }
 
+TEST(LoggerZoneChange, SizeRotationAfterTheZoneMovedKeepsEveryLine) {
+  zeltest::TempDir base;
+  // The clock stands still: the zone change and the size rotation fall into
+  // one second.
+  ASSERT_EQ(0, zeltest::RunZoneJump(base.path()));
+  const std::vector<std::string> lines = zeltest::LinesBelow(base.path());
+  ASSERT_EQ(5600u, lines.size());
+  for (int i = 0; i < 5600; ++i) {
+    ASSERT_EQ(i, std::stoi(lines[i].substr(lines[i].find("zone ") + 5, 5))) << "at " << i;
+  }
+  // Before the move 2030-03-13 (UTC-12), after it 2030-03-15 (UTC+14): the
+  // first line after the move rotates by date, so the size limit is never
+  // reached.
+  EXPECT_EQ(1u, FileNames(base.path() + "20300313/").size());
+  EXPECT_EQ(1u, FileNames(base.path() + "20300315/").size());
+}
+
 }  // namespace

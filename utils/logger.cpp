@@ -18,20 +18,6 @@ namespace {
 FILE* sCurFp = nullptr;
 char sCurPath[logdetail::kPathSize] = {};
 uint8_t sFileIndex = 0;  // next rotation number; wraps, never reset
-// Today's date text, recomputed when the second changes.
-time_t sDateSecond = -1;
-std::string sDateText;
-
-const std::string& DateTextNow() {
-  const time_t now = time(nullptr);
-  if (now != sDateSecond) {
-    struct tm local {};
-    localtime_r(&now, &local);
-    sDateText = logdetail::DateText(local);
-    sDateSecond = now;
-  }
-  return sDateText;
-}
 }  // namespace
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
@@ -212,7 +198,11 @@ FILE* Logger::getLogFp() { return mFileMode ? getFile() : stderr; }
 FILE* Logger::getFile() {
   if (sCurFp != nullptr) {
     const int pos = static_cast<int>(ftell(sCurFp));
-    if (pos <= mMaxFileSize && DateTextNow() == mDay && IsRegularFile(sCurPath)) return sCurFp;
+    // Today's date as of this line: the time zone may have moved since the
+    // last one (a travelling laptop), so nothing is cached.
+    if (pos <= mMaxFileSize && DateText(LocalNow()) == mDay && IsRegularFile(sCurPath)) {
+      return sCurFp;
+    }
 
     fclose(sCurFp);
     char rotated[kPathSize];

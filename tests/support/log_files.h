@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace zeltest {
@@ -163,17 +164,50 @@ class StdoutCapture {
 namespace zeltest {
 
 // Runs `command` under faketime with the wall clock starting at `start`
-// ("YYYY-MM-DD hh:mm:ss", local time) and running on; returns its exit status.
-// The monotonic clock is left alone so that timed waits behave. An ASan
-// runtime would refuse the preloaded library without verify_asan_link_order=0.
-inline int RunUnderFaketime(const std::string& start, const std::string& command) {
+// ("YYYY-MM-DD hh:mm:ss", local time) and running on, or standing still at it
+// when `frozen`; returns its exit status. The monotonic clock is left alone so
+// that timed waits behave. An ASan runtime would refuse the preloaded library
+// without verify_asan_link_order=0.
+inline int RunUnderFaketime(const std::string& start, const std::string& command,
+                            bool frozen = false) {
   const char* asan = getenv("ASAN_OPTIONS");
   const std::string line = "env DONT_FAKE_MONOTONIC=1 ASAN_OPTIONS='verify_asan_link_order=0" +
                            std::string(asan != nullptr && *asan != '\0' ? ":" : "") +
-                           (asan != nullptr ? asan : "") + "' faketime -f '@" + start + "' " +
-                           command;
+                           (asan != nullptr ? asan : "") + "' faketime -f '" +
+                           (frozen ? "" : "@") + start + "' " + command;
   const int status = std::system(line.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+#ifdef ZEL_MIDNIGHT_CHILD
+// Runs the helper's zonejump mode (lines "zone 00000".."zone 05599", the time
+// zone moving 26 hours east after line 5199) under a clock that stands still
+// at 2030-03-14 10:00:00, so that the move and what follows share one second.
+inline int RunZoneJump(const std::string& base) {
+  return RunUnderFaketime("2030-03-14 10:00:00",
+                          std::string(ZEL_MIDNIGHT_CHILD) + " zonejump " + base, true);
+}
+#endif
+
+// Every line of every file below `base`, in the order written: directories in
+// name order, and in each the rotated files by number, then the current one.
+inline std::vector<std::string> LinesBelow(const std::string& base) {
+  std::vector<std::pair<std::string, std::string>> files;  // sort key, path
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(base)) {
+    if (!entry.is_regular_file()) continue;
+    const std::string path = entry.path().string();
+    const std::string suffix = path.substr(path.rfind('.') + 1);
+    const std::string number =
+        suffix == "txt" ? "9999" : std::string(4 - std::min<size_t>(suffix.size(), 4), '0') + suffix;
+    files.emplace_back(entry.path().parent_path().string() + "/" + number, path);
+  }
+  std::sort(files.begin(), files.end());
+  std::vector<std::string> lines;
+  for (const auto& file : files) {
+    std::istringstream in(ReadFile(file.second));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+  }
+  return lines;
 }
 
 }  // namespace zeltest
