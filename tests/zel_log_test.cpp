@@ -219,6 +219,18 @@ TEST_F(ZelLog, SetEmptyPathLeavesThePreviousBase) {
   EXPECT_NE(std::string::npos, Drain().find("still here\n"));
 }
 
+TEST(ZelLogZoneChange, PrefixFollowsTheTimeZoneAtOnce) {
+  zeltest::TempDir base;
+  ASSERT_EQ(0, zeltest::RunZoneJump(base.path()));
+  const std::vector<std::string> lines = zeltest::LinesBelow(base.path());
+  ASSERT_EQ(5600u, lines.size());
+  // The clock stands still at 10:00 UTC: 22:00 the day before at UTC-12,
+  // midnight the day after at UTC+14, from the first line after the move.
+  EXPECT_EQ(0u, lines[5199].rfind("[3-13 22:00:00.000][tid:", 0)) << lines[5199];
+  EXPECT_EQ(0u, lines[5200].rfind("[3-15 00:00:00.000][tid:", 0)) << lines[5200];
+  EXPECT_EQ(0u, lines[5599].rfind("[3-15 00:00:00.000][tid:", 0)) << lines[5599];
+}
+
 TEST(ZelLogTime, CurrentTimeStringHasDateTimeAndThreeDigitMilliseconds) {
   const time_t before = time(nullptr);
   const std::string text = zel::getCurrentTimeString();

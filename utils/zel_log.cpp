@@ -45,10 +45,28 @@ long long NowMicros() {
   return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
-// The parts of the line prefix that change at most once a second, per
-// thread: "[M-D hh:mm:ss." and "][tid:N] ". The milliseconds go in between.
+// Which local time zone is in force. tzset() rewrites these whenever the
+// rules change (a laptop that travels), so comparing them is a cheap way to
+// notice a move without localtime_r's process-wide lock on every line.
+struct ZoneStamp {
+  long offset;
+  int daylight;
+  const char* standardName;
+  const char* summerName;
+  bool operator==(const ZoneStamp& other) const {
+    return offset == other.offset && daylight == other.daylight &&
+           standardName == other.standardName && summerName == other.summerName;
+  }
+};
+
+ZoneStamp CurrentZone() { return {timezone, daylight, tzname[0], tzname[1]}; }
+
+// The parts of the line prefix that change at most once a second (or when
+// the zone moves), per thread: "[M-D hh:mm:ss." and "][tid:N] ". The
+// milliseconds go in between.
 struct PrefixCache {
   time_t second = -1;
+  ZoneStamp zone{};
   char head[64] = {};
   size_t headLen = 0;
   char tail[64] = {};
@@ -65,7 +83,8 @@ size_t FormatPrefix(char* out, long long micros, time_t seconds) {
     cache.tailLen = static_cast<size_t>(
         snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
   }
-  if (seconds != cache.second) {
+  const ZoneStamp zone = CurrentZone();
+  if (seconds != cache.second || !(zone == cache.zone)) {
     struct tm local {};
     localtime_r(&seconds, &local);
     cache.headLen = static_cast<size_t>(snprintf(cache.head, sizeof(cache.head),
@@ -73,6 +92,8 @@ size_t FormatPrefix(char* out, long long micros, time_t seconds) {
                                                  local.tm_mday, local.tm_hour, local.tm_min,
                                                  local.tm_sec));
     cache.second = seconds;
+    // As of this conversion: the first one in the process sets the zone up.
+    cache.zone = CurrentZone();
   }
   const long millis = static_cast<long>((micros / 1000) % 1000);
   size_t len = cache.headLen;
