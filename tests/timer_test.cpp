@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -227,6 +228,35 @@ TEST(Timer, StartFromACallbackSchedulesAnotherTimer) {
   ASSERT_TRUE(WaitUntil([&] { return firedId.load() != 0; }));
   EXPECT_EQ(2u, startedId.load());
   EXPECT_EQ(2u, firedId.load());
+}
+
+TEST(Timer, IntervalTooLargeToRepresentMeansNeverButStaysStoppable) {
+  // Some milliseconds past the library's load, so that the sums do overflow.
+  ASSERT_TRUE(WaitUntil([] { return zel::TimerNowMs() >= 5; }));
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  auto count = [&](unsigned long long, void*) { ++calls; };
+  const auto oneShot = timer.Start(LLONG_MAX, count, false, nullptr);
+  const auto repeating = timer.Start(LLONG_MAX - 1, count, true, nullptr);
+  // A later, ordinary timer still fires: the "never" ones sort behind it.
+  std::atomic<bool> ordinary{false};
+  timer.Start(50, [&](unsigned long long, void*) { ordinary = true; }, false, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return ordinary.load(); }));
+  std::this_thread::sleep_for(400ms);
+  EXPECT_EQ(0, calls.load());
+  timer.Stop(oneShot);
+  timer.Stop(repeating);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(0, calls.load());
+}
+
+TEST(Timer, IntervalTooNegativeToRepresentIsDueAtOnce) {
+  zel::Timer timer;
+  std::atomic<int> calls{0};
+  timer.Start(LLONG_MIN, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(1, calls.load());
 }
 
 TEST(TimerDeathTest, EmptyCallbackEndsTheProcessWhenDue) {

@@ -1,5 +1,7 @@
 #include "utils/timer.h"
 
+#include <climits>
+
 namespace zel {
 
 namespace {
@@ -8,6 +10,16 @@ namespace {
 const std::chrono::steady_clock::time_point base_clock = std::chrono::steady_clock::now();
 
 bool DueEarlier(const TimerMsg& a, const TimerMsg& b) { return a.due < b.due; }
+
+// now + interval, held at the ends of the range instead of overflowing: a
+// due time too large to represent stays LLONG_MAX, which is never before now.
+long long DueAfter(long long interval) {
+  long long due;
+  if (__builtin_add_overflow(TimerNowMs(), interval, &due)) {
+    due = interval > 0 ? LLONG_MAX : LLONG_MIN;
+  }
+  return due;
+}
 
 }  // namespace
 
@@ -31,7 +43,7 @@ unsigned long long Timer::Start(long long interval_ms,
                                 bool repeat, void* user_data) {
   TimerMsg record;
   record.interval = interval_ms;
-  record.due = TimerNowMs() + interval_ms;
+  record.due = DueAfter(interval_ms);
   record.callback = callback;
   record.repeat = repeat;
   record.user_data = user_data;
@@ -69,7 +81,7 @@ std::list<TimerMsg> Timer::CollectDue() {
     timers.pop_front();
     if (fired.back().repeat) {
       TimerMsg again = fired.back();
-      again.due = TimerNowMs() + again.interval;
+      again.due = DueAfter(again.interval);
       InsertSorted(std::move(again));
     }
   }

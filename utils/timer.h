@@ -43,6 +43,8 @@ class ZEL_API Timer {
   // Schedules `callback` after interval_ms, then every interval_ms when
   // `repeat` (re-armed from the scan that fired it). Returns the timer's id:
   // 1, 2, 3... per Timer object. A repeating interval must not be negative.
+  // A due time too large to represent means "never": the timer stays
+  // scheduled (and stoppable) but does not fire. Any thread, callbacks too.
   unsigned long long Start(long long interval_ms,
                            const std::function<void(unsigned long long, void*)>& callback,
                            bool repeat, void* user_data);
