@@ -4,95 +4,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdlib>
-#include <cstring>
 
 #include "utils/process_info.h"
 
 namespace zel {
 
-// The file actually written. File-scope rather than members: every Logger of
-// the process shares them (there is only ever one in practice).
+// The file actually written, its path and its next rotation number. File
+// scope rather than members: every Logger of the process shares it (there is
+// only ever one in practice). Logger thread only.
 namespace {
-FILE* sCurFp = nullptr;
-char sCurPath[logdetail::kPathSize] = {};
-uint8_t sFileIndex = 0;  // next rotation number; wraps, never reset
+logdetail::RotatingFile sCurFile;
 }  // namespace
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
 std::mutex Logger::sMutex;
 std::string& Logger::mDirPrefix = *new std::string();
 std::string& Logger::mFixedDirPrefix = *new std::string();
-
-namespace logdetail {
-
-bool IsDirectory(const char* path) {
-  struct stat st;
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool IsRegularFile(const char* path) {
-  struct stat st;
-  return stat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-struct tm LocalNow() {
-  const time_t now = time(nullptr);
-  struct tm local {};
-  // localtime_r: same result as localtime without re-reading the zone file on
-  // every call.
-  localtime_r(&now, &local);
-  return local;
-}
-
-std::string DateText(const struct tm& local) {
-  char text[32];
-  snprintf(text, sizeof(text), "%04d%02d%02d/", local.tm_year + 1900, local.tm_mon + 1,
-           local.tm_mday);
-  return text;
-}
-
-std::string TimeTag(const struct tm& local) {
-  char text[32];
-  snprintf(text, sizeof(text), "%02d%02d%02d", local.tm_hour, local.tm_min, local.tm_sec);
-  return text;
-}
-
-void MakeDirectoryChain(const std::string& dir) {
-  if (IsDirectory(dir.c_str()) || dir.size() > kPathSize - 1) return;
-  char path[kPathSize] = {};
-  memcpy(path, dir.data(), dir.size());
-  size_t len = dir.size();
-  // Room permitting: a 255-character path has no space left for the slash.
-  if ((len == 0 || path[len - 1] != '/') && len < kPathSize - 1) path[len++] = '/';
-  for (size_t i = 1; i < len; ++i) {
-    if (path[i] != '/' && path[i] != '\\') continue;
-    const char separator = path[i];
-    path[i] = '\0';
-    if (!IsDirectory(path) && mkdir(path, 0755) == -1) {
-      printf("mkdir error,[%s]\n", path);
-      return;
-    }
-    path[i] = separator;
-  }
-}
-
-void FormatInDir(char (&out)[kPathSize], const std::string& dir, size_t dirLen,
-                 const char* format, ...) {
-  dirLen = std::min(dirLen, kPathSize - 1);
-  // strncpy semantics: a directory shorter than the captured length leaves
-  // zeros up to it (so the name is cut off) instead of reading past its end.
-  strncpy(out, dir.c_str(), dirLen);
-  out[dirLen] = '\0';
-  va_list args;
-  va_start(args, format);
-  vsnprintf(out + dirLen, kPathSize - dirLen, format, args);
-  va_end(args);
-  out[kPathSize - 1] = '\0';
-}
-
-}  // namespace logdetail
 
 using namespace logdetail;
 
@@ -195,40 +123,29 @@ int Logger::logFileInit() {
 
 FILE* Logger::getLogFp() { return mFileMode ? getFile() : stderr; }
 
+logdetail::FileNaming Logger::Naming() const {
+  return {mLogDir, mLogDirLen, "zel.log." + mProcTag, mTimeTag};
+}
+
 FILE* Logger::getFile() {
-  if (sCurFp != nullptr) {
-    const int pos = static_cast<int>(ftell(sCurFp));
+  if (sCurFile.fp != nullptr) {
     // Today's date as of this line: the time zone may have moved since the
     // last one (a travelling laptop), so nothing is cached.
-    if (pos <= mMaxFileSize && DateText(LocalNow()) == mDay && IsRegularFile(sCurPath)) {
-      return sCurFp;
+    if (!sCurFile.Outgrown(mMaxFileSize) && DateText(LocalNow()) == mDay && !sCurFile.Vanished()) {
+      return sCurFile.fp;
     }
-
-    fclose(sCurFp);
     char rotated[kPathSize];
-    // The old day's directory: mLogDir is not refreshed until the reopen below.
-    FormatInDir(rotated, mLogDir, mLogDirLen, "zel.log.%s.%s.%u", mProcTag.c_str(),
-                mTimeTag.c_str(), static_cast<unsigned>(sFileIndex));
-    if (rename(sCurPath, rotated) != 0) printf("%s %d,rename error\n", "getFile", 556);
-    sCurFp = nullptr;
-    ++sFileIndex;
-    updateLogFile(sFileIndex);
+    // Into the old day's directory: mLogDir is not refreshed until the reopen below.
+    sCurFile.RotateOut(Naming(), 556, rotated);
+    updateLogFile(sCurFile.index);
   }
   UpdateLogDir();
-  FormatInDir(sCurPath, mLogDir, mLogDirLen, "zel.log.%s.%s.%s", mProcTag.c_str(),
-              mTimeTag.c_str(), "txt");
-  sCurPath[kPathSize - 1] = '\0';
-  sCurFp = fopen(sCurPath, "a");
-  return sCurFp;
+  sCurFile.NameCurrent(Naming());
+  return sCurFile.Open();
 }
 
 void Logger::updateLogFile(unsigned char index) {
-  char name[kPathSize];
-  FormatInDir(name, mLogDir, mLogDirLen, "zel.log.%s.%s.%u", mProcTag.c_str(), mTimeTag.c_str(),
-              static_cast<unsigned>(static_cast<uint8_t>(index - mMaxFileCount)));
-  if (name[0] != '\0' && IsRegularFile(name) && remove(name) != 0) {
-    printf("delete file: %s failed\n", name);
-  }
+  sCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
 }
 
 void Logger::Write(LogInfo* info) {
@@ -241,17 +158,11 @@ void Logger::Write(LogInfo* info) {
     std::shared_lock<std::shared_timed_mutex> lock(mBackendMutex);
     for (LogBackend* backend : mBackends) backend->Log(info->msg);
   }
-  const int written = fprintf(fp, "%s", info->msg.c_str());
-  if (written <= 0) {
-    printf("zel log write error,ret[%d] \n", written);
-    // A removed directory comes back; the open handle itself is kept.
-    UpdateLogDir();
-    if (mFileMode) fflush(fp);
-  } else if (mFileMode) {
-    // Every line reaches the file before the next one is taken: nothing
-    // written is lost when the process dies.
-    fflush(fp);
-  }
+  // A removed directory comes back; the open handle itself is kept.
+  if (!PrintLine(fp, info->msg)) UpdateLogDir();
+  // Every line reaches the file before the next one is taken: nothing
+  // written is lost when the process dies.
+  if (mFileMode) fflush(fp);
 }
 
 }  // namespace zel

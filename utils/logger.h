@@ -24,6 +24,7 @@
 
 #include "utils/export.h"
 #include "utils/looper.h"
+#include "utils/rotating_file.h"
 
 namespace zel {
 
@@ -96,6 +97,8 @@ class ZEL_API Logger : public LogBackend {
 
  private:
   void Write(LogInfo* info);
+  // How this Logger's files are named right now.
+  logdetail::FileNaming Naming() const;
 
   std::shared_timed_mutex mBackendMutex;
   std::string mUnused;
@@ -116,26 +119,4 @@ class ZEL_API Logger : public LogBackend {
 // component if missing (the full chain is UpdateLogDir's job).
 ZEL_API std::string BuildLogPath(const std::string& sub);
 
-// Shared by Logger and LoggerFile; not exported.
-namespace logdetail {
-
-constexpr size_t kPathSize = 256;
-
-bool IsDirectory(const char* path);
-bool IsRegularFile(const char* path);
-// The local time now.
-struct tm LocalNow();
-// "%04d%02d%02d/" of a local time.
-std::string DateText(const struct tm& local);
-// "%02d%02d%02d" of a local time.
-std::string TimeTag(const struct tm& local);
-// Creates every missing directory along `dir` (mkdir 0755), stopping with
-// "mkdir error,[%s]\n" at the first failure. Paths over 255 characters are left alone.
-void MakeDirectoryChain(const std::string& dir);
-// The first `dirLen` characters of `dir` followed by the formatted name,
-// cut to 255 characters.
-void FormatInDir(char (&out)[kPathSize], const std::string& dir, size_t dirLen,
-                 const char* format, ...) __attribute__((format(printf, 4, 5)));
-
-}  // namespace logdetail
 }  // namespace zel

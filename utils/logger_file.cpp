@@ -50,37 +50,26 @@ int LoggerFile::logFileInit() {
 
 FILE* LoggerFile::getLogFp() { return mFileMode ? getFile() : stderr; }
 
-FILE* LoggerFile::getFile() {
-  if (mCurFp != nullptr) {
-    const int pos = static_cast<int>(ftell(mCurFp));
-    // Never rotated by the date: a named file keeps its time tag for life.
-    if (pos <= mMaxFileSize && IsRegularFile(mCurPath)) return mCurFp;
+logdetail::FileNaming LoggerFile::Naming() const { return {mLogDir, mLogDirLen, mName, mTimeTag}; }
 
-    fclose(mCurFp);
+FILE* LoggerFile::getFile() {
+  if (mCurFile.fp != nullptr) {
+    // Never rotated by the date: a named file keeps its time tag for life.
+    if (!mCurFile.Outgrown(mMaxFileSize) && !mCurFile.Vanished()) return mCurFile.fp;
     char rotated[kPathSize];
-    FormatInDir(rotated, mLogDir, mLogDirLen, "%s.%s.%u", mName.c_str(), mTimeTag.c_str(),
-                static_cast<unsigned>(mFileIndex));
-    if (rename(mCurPath, rotated) != 0) printf("%s %d,rename error\n", "getFile", 328);
-    mCurFp = nullptr;
-    ++mFileIndex;
-    printf("update loggerfile ,rename  [%s] to [%s] ...... \n", mCurPath, rotated);
-    updateLogFile(mFileIndex);
+    mCurFile.RotateOut(Naming(), 328, rotated);
+    printf("update loggerfile ,rename  [%s] to [%s] ...... \n", mCurFile.path, rotated);
+    updateLogFile(mCurFile.index);
   }
   UpdateLogDir();
-  FormatInDir(mCurPath, mLogDir, mLogDirLen, "%s.%s.%s", mName.c_str(), mTimeTag.c_str(), "txt");
-  printf("mCurFp is null, creatfile [%s] [%s] [%s]\n", mTag.c_str(), mTimeTag.c_str(), mCurPath);
-  mCurPath[kPathSize - 1] = '\0';
-  mCurFp = fopen(mCurPath, "a");
-  return mCurFp;
+  mCurFile.NameCurrent(Naming());
+  printf("mCurFp is null, creatfile [%s] [%s] [%s]\n", mTag.c_str(), mTimeTag.c_str(),
+         mCurFile.path);
+  return mCurFile.Open();
 }
 
 void LoggerFile::updateLogFile(unsigned char index) {
-  char name[kPathSize];
-  FormatInDir(name, mLogDir, mLogDirLen, "%s.%s.%u", mName.c_str(), mTimeTag.c_str(),
-              static_cast<unsigned>(static_cast<uint8_t>(index - mMaxFileCount)));
-  if (name[0] != '\0' && IsRegularFile(name) && remove(name) != 0) {
-    printf("delete file: %s failed\n", name);
-  }
+  mCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
 }
 
 void LoggerFile::Write(LogFileInfo* info) {
@@ -89,11 +78,7 @@ void LoggerFile::Write(LogFileInfo* info) {
     printf("%s %d: fp is null \n", "operator()", 201);
     return;
   }
-  const int written = fprintf(fp, "%s", info->msg.c_str());
-  if (written < 1) {
-    printf("zel log write error,ret[%d] \n", written);
-    UpdateLogDir();
-  }
+  if (!PrintLine(fp, info->msg)) UpdateLogDir();
   if (mFileMode) fflush(fp);
 }
 

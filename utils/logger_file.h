@@ -15,8 +15,8 @@
 #include <string>
 
 #include "utils/export.h"
-#include "utils/logger.h"
 #include "utils/looper.h"
+#include "utils/rotating_file.h"
 
 namespace zel {
 
@@ -62,6 +62,8 @@ class ZEL_API LoggerFile {
 
  private:
   void Write(LogFileInfo* info);
+  // How this instance's files are named.
+  logdetail::FileNaming Naming() const;
 
   std::string mDir;
   std::string mName;
@@ -77,9 +79,8 @@ class ZEL_API LoggerFile {
   FILE* mFp = nullptr;  // never opened
   std::string mUnused2;
   std::unique_ptr<Handler<LogFileInfo>> mHandler;
-  FILE* mCurFp = nullptr;
-  char mCurPath[logdetail::kPathSize] = {};
-  uint8_t mFileIndex = 0;
+  // The open current file, its path and its next rotation number.
+  logdetail::RotatingFile mCurFile;
 };
 
 }  // namespace zel

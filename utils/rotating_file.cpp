@@ -1,0 +1,126 @@
+#include "utils/rotating_file.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace zel {
+namespace logdetail {
+
+namespace {
+
+// The first `naming.dirLen` characters of its directory, then
+// "<stem>.<timeTag>.<last>", cut to 255 characters.
+void FormatName(char (&out)[kPathSize], const FileNaming& naming, const char* last) {
+  const size_t dirLen = std::min(naming.dirLen, kPathSize - 1);
+  // strncpy semantics: a directory shorter than the captured length leaves
+  // zeros up to it (so the name is cut off) instead of reading past its end.
+  strncpy(out, naming.dir.c_str(), dirLen);
+  out[dirLen] = '\0';
+  snprintf(out + dirLen, kPathSize - dirLen, "%s.%s.%s", naming.stem.c_str(),
+           naming.timeTag.c_str(), last);
+}
+
+std::string RotationNumber(uint8_t index) { return std::to_string(static_cast<unsigned>(index)); }
+
+}  // namespace
+
+bool IsDirectory(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool IsRegularFile(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+struct tm LocalNow() {
+  const time_t now = time(nullptr);
+  struct tm local {};
+  // localtime_r: same result as localtime without re-reading the zone file on
+  // every call.
+  localtime_r(&now, &local);
+  return local;
+}
+
+std::string DateText(const struct tm& local) {
+  char text[32];
+  snprintf(text, sizeof(text), "%04d%02d%02d/", local.tm_year + 1900, local.tm_mon + 1,
+           local.tm_mday);
+  return text;
+}
+
+std::string TimeTag(const struct tm& local) {
+  char text[32];
+  snprintf(text, sizeof(text), "%02d%02d%02d", local.tm_hour, local.tm_min, local.tm_sec);
+  return text;
+}
+
+void MakeDirectoryChain(const std::string& dir) {
+  if (IsDirectory(dir.c_str()) || dir.size() > kPathSize - 1) return;
+  char path[kPathSize] = {};
+  memcpy(path, dir.data(), dir.size());
+  size_t len = dir.size();
+  // Room permitting: a 255-character path has no space left for the slash.
+  if ((len == 0 || path[len - 1] != '/') && len < kPathSize - 1) path[len++] = '/';
+  for (size_t i = 1; i < len; ++i) {
+    if (path[i] != '/' && path[i] != '\\') continue;
+    const char separator = path[i];
+    path[i] = '\0';
+    if (!IsDirectory(path) && mkdir(path, 0755) == -1) {
+      printf("mkdir error,[%s]\n", path);
+      return;
+    }
+    path[i] = separator;
+  }
+}
+
+bool PrintLine(FILE* fp, const std::string& msg) {
+  const int written = fprintf(fp, "%s", msg.c_str());
+  if (written > 0) return true;
+  printf("zel log write error,ret[%d] \n", written);
+  return false;
+}
+
+bool RotatingFile::Outgrown(int32_t maxSize) const {
+  return static_cast<int>(ftell(fp)) > maxSize;
+}
+
+bool RotatingFile::Vanished() const { return !IsRegularFile(path); }
+
+void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
+                             char (&rotated)[kPathSize]) {
+  fclose(fp);
+  fp = nullptr;
+  FormatName(rotated, naming, RotationNumber(index).c_str());
+  if (rename(path, rotated) != 0) printf("%s %d,rename error\n", "getFile", renameErrorLine);
+  ++index;
+}
+
+void RotatingFile::RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep) {
+  char name[kPathSize];
+  FormatName(name, naming, RotationNumber(static_cast<uint8_t>(index - keep)).c_str());
+  if (name[0] != '\0' && IsRegularFile(name) && remove(name) != 0) {
+    printf("delete file: %s failed\n", name);
+  }
+}
+
+void RotatingFile::NameCurrent(const FileNaming& naming) {
+  FormatName(path, naming, "txt");
+  path[kPathSize - 1] = '\0';
+}
+
+FILE* RotatingFile::Open() {
+  fp = fopen(path, "a");
+  return fp;
+}
+
+void RotatingFile::Close() {
+  if (fp != nullptr) fclose(fp);
+  fp = nullptr;
+}
+
+}  // namespace logdetail
+}  // namespace zel

@@ -1,0 +1,71 @@
+// The file a log writer appends to, and the rotation by which the process log
+// (Logger) and named logs (LoggerFile) move it aside and clean up after it.
+// Internal to those two classes; installed because LoggerFile holds one.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+namespace zel {
+namespace logdetail {
+
+// Log paths live in buffers of this size: 255 characters and a terminator.
+constexpr size_t kPathSize = 256;
+
+bool IsDirectory(const char* path);
+bool IsRegularFile(const char* path);
+// The local time now (localtime_r: the zone in force as of the last tzset).
+struct tm LocalNow();
+// "%04d%02d%02d/" of a local time.
+std::string DateText(const struct tm& local);
+// "%02d%02d%02d" of a local time.
+std::string TimeTag(const struct tm& local);
+// Creates every missing directory along `dir` (mkdir 0755), stopping with
+// "mkdir error,[%s]\n" at the first failure. Paths over 255 characters are left alone.
+void MakeDirectoryChain(const std::string& dir);
+// fprintf of one line; on a failed write says so on standard output
+// ("zel log write error,ret[%d] \n") and returns false.
+bool PrintLine(FILE* fp, const std::string& msg);
+
+// How one writer names its files: the first `dirLen` characters of `dir`,
+// then "<stem>.<timeTag>.txt" for the current file and "<stem>.<timeTag>.<n>"
+// for rotation n. Every name is cut to 255 characters.
+struct FileNaming {
+  const std::string& dir;
+  size_t dirLen;
+  std::string stem;
+  const std::string& timeTag;
+};
+
+// The open file of one writer, its path and the number its next rotation
+// gets (0 at first, +1 per rotation, wrapping at 256, never reset).
+// Writer thread only.
+struct RotatingFile {
+  // The position is past `maxSize` (read as a 32-bit int, as it always was).
+  bool Outgrown(int32_t maxSize) const;
+  // The path no longer names a regular file (removed or moved away).
+  bool Vanished() const;
+  // Closes the file and renames it to rotation number `index`, inside
+  // naming's directory, leaving that name in `rotated`; a failed rename
+  // prints "%s %d,rename error\n" with "getFile" and `renameErrorLine` and
+  // still counts. Then advances `index`.
+  void RotateOut(const FileNaming& naming, int renameErrorLine, char (&rotated)[kPathSize]);
+  // Deletes the rotation numbered `index` - `keep` (mod 256) if it is a
+  // regular file, printing "delete file: %s failed\n" when that fails.
+  void RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep);
+  // Sets `path` to the current file's name.
+  void NameCurrent(const FileNaming& naming);
+  // Opens `path` for appending; null on failure.
+  FILE* Open();
+  // Closes the file, if open.
+  void Close();
+
+  FILE* fp = nullptr;
+  char path[kPathSize] = {};
+  uint8_t index = 0;
+};
+
+}  // namespace logdetail
+}  // namespace zel
