@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -175,6 +177,121 @@ TEST(LoggerFile, UncreatableDirectoryDropsLinesWithFpIsNull) {
   file.Log("lost\n");
   EXPECT_TRUE(capture.WaitForCount("operator() 201: fp is null \n", 1)) << capture.Text();
   EXPECT_NE(std::string::npos, capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
+}
+
+// ---- names at the 255-character limit of a path ----
+
+// Writes `count` numbered lines and waits until the files below `dir` hold
+// them all; returns their numbers as read back, in order.
+std::vector<int> WriteNumbered(zel::LoggerFile& file, const std::string& dir, int count) {
+  for (int i = 0; i < count; ++i) file.Log(zeltest::NumberedLine(i));
+  std::vector<std::string> lines;
+  zeltest::WaitFor([&] {
+    lines = zeltest::LinesBelow(dir);
+    return lines.size() >= static_cast<size_t>(count);
+  });
+  return zeltest::LineNumbers(lines);
+}
+
+constexpr char kCutReport[] = "log file name cut to 255 characters: [";
+
+TEST(LoggerFileLongNames, NamesCutToTheSameTextRotateWithoutLosingALine) {
+  zeltest::TempDir scratch;
+  // "n.hhmmss.txt" and "n.hhmmss.<n>" both cut to "n.hhm" behind 250 characters.
+  const std::string dir = zeltest::PathOfLength(scratch.path(), 250);
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  file.SetName("n");
+  const std::vector<int> numbers = WriteNumbered(file, dir, 6000);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(zeltest::Sequence(6000), numbers);
+  const std::vector<std::string> names = FileNames(dir);
+  ASSERT_EQ(1u, names.size());
+  EXPECT_EQ(5u, names[0].size());
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + names[0] + "]\n"));
+}
+
+TEST(LoggerFileLongNames, CurrentPathOf254Or255CharactersIsKeptWholeAndNotReported) {
+  for (const size_t length : {254u, 255u}) {
+    zeltest::TempDir scratch;
+    // "<name>.hhmmss.txt" brings the path to `length` characters.
+    const std::string name(length - scratch.path().size() - 11, 'n');
+    zeltest::StdoutCapture capture;
+    zel::LoggerFile file(scratch.path());
+    file.SetName(name);
+    const std::vector<int> numbers = WriteNumbered(file, scratch.path(), 10);
+    const std::string out = capture.Take();  // gtest reports on stdout too
+    EXPECT_EQ(zeltest::Sequence(10), numbers);
+    const std::vector<std::string> names = FileNames(scratch.path());
+    ASSERT_EQ(1u, names.size());
+    EXPECT_EQ(length, scratch.path().size() + names[0].size());
+    EXPECT_EQ(".txt", names[0].substr(names[0].size() - 4));
+    EXPECT_EQ(0u, zeltest::StdoutCapture::Count(out, kCutReport)) << length;
+  }
+}
+
+TEST(LoggerFileLongNames, CurrentPathOf256CharactersLosesItsLastCharacterOnce) {
+  zeltest::TempDir scratch;
+  const std::string dir = scratch.path() + "logs/";
+  const std::string name(256 - dir.size() - 11, 'n');
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  file.SetName(name);
+  const std::vector<int> numbers = WriteNumbered(file, dir, 6000);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(zeltest::Sequence(6000), numbers);
+  const std::vector<std::string> names = FileNames(dir);
+  ASSERT_EQ(2u, names.size());  // the rotated file and the current one
+  const std::string current = names[0].back() == 'x' ? names[0] : names[1];
+  EXPECT_EQ(name.size() + 10, current.size());
+  EXPECT_EQ(".tx", current.substr(current.size() - 3));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + current + "]\n"));
+}
+
+TEST(LoggerFileLongNames, DirectoryOf254CharactersHoldsAFileNamedByTheCutPath) {
+  zeltest::TempDir scratch;
+  const std::string dir = zeltest::PathOfLength(scratch.path(), 254);
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  file.SetName("n");
+  const std::vector<int> numbers = WriteNumbered(file, dir, 10);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(zeltest::Sequence(10), numbers);
+  EXPECT_EQ(std::vector<std::string>{"n"}, FileNames(dir));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + "n]\n"));
+}
+
+TEST(LoggerFileLongNames, DirectoryOf255CharactersIsCreatedButCannotHoldAFile) {
+  zeltest::TempDir scratch;
+  const std::string dir = zeltest::PathOfLength(scratch.path(), 255);
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  EXPECT_TRUE(std::filesystem::is_directory(dir));
+  file.Log("lost\n");
+  file.Log("lost too\n");
+  const bool dropped = capture.WaitForCount("operator() 201: fp is null \n", 2);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_TRUE(dropped) << out;
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
+  EXPECT_TRUE(FileNames(dir).empty());
+}
+
+TEST(LoggerFileLongNames, DirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWritten) {
+  zeltest::TempDir scratch;
+  const std::string dir = zeltest::PathOfLength(scratch.path(), 256);
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  EXPECT_FALSE(std::filesystem::exists(dir));
+  file.Log("outside\n");
+  // The first 255 characters: the directory's own name, as a file beside it.
+  const std::string cut = dir.substr(0, 255);
+  const bool written = zeltest::WaitForText(cut, "outside\n");
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  ASSERT_TRUE(written);
+  EXPECT_TRUE(std::filesystem::is_regular_file(cut));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + cut + "]\n"));
 }
 
 TEST(LoggerFileMidnight, KeepsWritingTheSameFilePastMidnight) {

@@ -305,6 +305,48 @@ TEST(LoggerBadBase, UncreatableBaseDropsLinesWithFpIsNull) {
   EXPECT_EQ("x", ReadFile(scratch.path() + "blocker"));
 }
 
+constexpr char kCutReport[] = "log file name cut to 255 characters: [";
+
+TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
+  zeltest::TempDir scratch;
+  // Behind the day directory (229 characters), "zel.log.<proc>-<pid>.hhmmss."
+  // reaches 255 already: the current and every rotated name cut alike.
+  const std::string base = zeltest::PathOfLength(scratch.path(), 220);
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger* logger = zel::Logger::GetInstance();
+  for (int i = 0; i < 6000; ++i) logger->Log(zeltest::NumberedLine(i));
+  std::vector<std::string> lines;
+  zeltest::WaitFor([&] {
+    lines = zeltest::LinesBelow(base);
+    return lines.size() >= 6000;
+  });
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(zeltest::Sequence(6000), zeltest::LineNumbers(lines));
+  const std::string dayDir = base + zeltest::TodayText();
+  const std::vector<std::string> names = FileNames(dayDir);
+  ASSERT_EQ(1u, names.size());
+  EXPECT_EQ(255u, dayDir.size() + names[0].size());
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + names[0] + "]\n"));
+}
+
+TEST(LoggerLongBase, DayDirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWritten) {
+  zeltest::TempDir scratch;
+  const std::string base = zeltest::PathOfLength(scratch.path(), 256 - 9);  // + "YYYYMMDD/"
+  ASSERT_TRUE(std::filesystem::create_directory(base));
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger::GetInstance()->Log("outside\n");
+  const std::string dayDir = base + zeltest::TodayText();
+  const std::string cut = dayDir.substr(0, 255);  // the date, as a file in the base
+  const bool written = zeltest::WaitForText(cut, "outside\n");
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  ASSERT_TRUE(written);
+  EXPECT_TRUE(std::filesystem::is_regular_file(cut));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + cut + "]\n"));
+}
+
 TEST(LoggerBuildLogPath, WithUserBuildsLibraryZelPathAndReportsMkdirFailure) {
   // A user that has no folder here: the mkdir of the last component fails.
   const std::string user = "zel-test-no-such-user-" + std::to_string(getpid());

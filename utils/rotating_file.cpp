@@ -11,15 +11,16 @@ namespace logdetail {
 namespace {
 
 // The first `naming.dirLen` characters of its directory, then
-// "<stem>.<timeTag>.<last>", cut to 255 characters.
-void FormatName(char (&out)[kPathSize], const FileNaming& naming, const char* last) {
+// "<stem>.<timeTag>.<last>", cut to 255 characters; false when cut.
+bool FormatName(char (&out)[kPathSize], const FileNaming& naming, const char* last) {
   const size_t dirLen = std::min(naming.dirLen, kPathSize - 1);
   // strncpy semantics: a directory shorter than the captured length leaves
   // zeros up to it (so the name is cut off) instead of reading past its end.
   strncpy(out, naming.dir.c_str(), dirLen);
   out[dirLen] = '\0';
-  snprintf(out + dirLen, kPathSize - dirLen, "%s.%s.%s", naming.stem.c_str(),
-           naming.timeTag.c_str(), last);
+  const int length = snprintf(out + dirLen, kPathSize - dirLen, "%s.%s.%s", naming.stem.c_str(),
+                              naming.timeTag.c_str(), last);
+  return naming.dirLen <= dirLen && static_cast<size_t>(length) < kPathSize - dirLen;
 }
 
 std::string RotationNumber(uint8_t index) { return std::to_string(static_cast<unsigned>(index)); }
@@ -94,22 +95,31 @@ void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
                              char (&rotated)[kPathSize]) {
   fclose(fp);
   fp = nullptr;
-  FormatName(rotated, naming, RotationNumber(index).c_str());
-  if (rename(path, rotated) != 0) printf("%s %d,rename error\n", "getFile", renameErrorLine);
+  Name(rotated, naming, RotationNumber(index));
+  // Names cut alike would make this a rename onto itself: nothing to move.
+  if (strcmp(path, rotated) != 0 && rename(path, rotated) != 0) {
+    printf("%s %d,rename error\n", "getFile", renameErrorLine);
+  }
   ++index;
 }
 
 void RotatingFile::RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep) {
   char name[kPathSize];
-  FormatName(name, naming, RotationNumber(static_cast<uint8_t>(index - keep)).c_str());
-  if (name[0] != '\0' && IsRegularFile(name) && remove(name) != 0) {
-    printf("delete file: %s failed\n", name);
-  }
+  Name(name, naming, RotationNumber(static_cast<uint8_t>(index - keep)));
+  // A cut name may be the very file this writer appends to.
+  if (name[0] == '\0' || strcmp(name, path) == 0 || !IsRegularFile(name)) return;
+  if (remove(name) != 0) printf("delete file: %s failed\n", name);
 }
 
 void RotatingFile::NameCurrent(const FileNaming& naming) {
-  FormatName(path, naming, "txt");
+  Name(path, naming, "txt");
   path[kPathSize - 1] = '\0';
+}
+
+void RotatingFile::Name(char (&out)[kPathSize], const FileNaming& naming, const std::string& last) {
+  if (FormatName(out, naming, last.c_str()) || cutReported) return;
+  printf("log file name cut to %zu characters: [%s]\n", kPathSize - 1, out);
+  cutReported = true;
 }
 
 FILE* RotatingFile::Open() {

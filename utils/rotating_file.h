@@ -41,7 +41,10 @@ struct FileNaming {
 
 // The open file of one writer, its path and the number its next rotation
 // gets (0 at first, +1 per rotation, wrapping at 256, never reset).
-// Writer thread only.
+// Writer thread only. Names cut to 255 characters may coincide: it never
+// renames a file onto itself nor deletes the file it writes, and it reports
+// the first cut name once on standard output
+// ("log file name cut to 255 characters: [%s]\n").
 struct RotatingFile {
   // The position is past `maxSize` (read as a 32-bit int, as it always was).
   bool Outgrown(int32_t maxSize) const;
@@ -53,7 +56,8 @@ struct RotatingFile {
   // still counts. Then advances `index`.
   void RotateOut(const FileNaming& naming, int renameErrorLine, char (&rotated)[kPathSize]);
   // Deletes the rotation numbered `index` - `keep` (mod 256) if it is a
-  // regular file, printing "delete file: %s failed\n" when that fails.
+  // regular file other than `path`, printing "delete file: %s failed\n"
+  // when that fails.
   void RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep);
   // Sets `path` to the current file's name.
   void NameCurrent(const FileNaming& naming);
@@ -65,6 +69,13 @@ struct RotatingFile {
   FILE* fp = nullptr;
   char path[kPathSize] = {};
   uint8_t index = 0;
+
+ private:
+  // Formats a name of `naming` into `out` ("<stem>.<timeTag>.<last>"),
+  // reporting the first one that had to be cut.
+  void Name(char (&out)[kPathSize], const FileNaming& naming, const std::string& last);
+
+  bool cutReported = false;
 };
 
 }  // namespace logdetail

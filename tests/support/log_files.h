@@ -189,6 +189,36 @@ inline int RunZoneJump(const std::string& base) {
 }
 #endif
 
+// `parent` (which ends in "/") followed by one directory name of 'd's that
+// brings the whole to `length` characters, the last of them "/".
+inline std::string PathOfLength(const std::string& parent, size_t length) {
+  EXPECT_GT(length, parent.size() + 1);
+  return parent + std::string(length - parent.size() - 1, 'd') + "/";
+}
+
+// Line `i` of a numbered series: "<i, five digits> " then dots up to `size`
+// bytes, the newline included.
+inline std::string NumberedLine(int i, size_t size = 1000) {
+  char head[16];
+  snprintf(head, sizeof(head), "%05d ", i);
+  std::string line = head + std::string(size - 7, '.') + "\n";
+  return line;
+}
+
+// The numbers of the numbered lines in `lines`, in order.
+inline std::vector<int> LineNumbers(const std::vector<std::string>& lines) {
+  std::vector<int> numbers;
+  for (const auto& line : lines) numbers.push_back(std::atoi(line.c_str()));
+  return numbers;
+}
+
+// 0, 1, ..., count - 1.
+inline std::vector<int> Sequence(int count) {
+  std::vector<int> numbers(count);
+  for (int i = 0; i < count; ++i) numbers[i] = i;
+  return numbers;
+}
+
 // Every line of every file below `base`, in the order written: directories in
 // name order, and in each the rotated files by number, then the current one.
 inline std::vector<std::string> LinesBelow(const std::string& base) {
