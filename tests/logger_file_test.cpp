@@ -179,6 +179,28 @@ TEST(LoggerFile, UncreatableDirectoryDropsLinesWithFpIsNull) {
   EXPECT_NE(std::string::npos, capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
 }
 
+// Number of descriptors this process has open.
+size_t OpenDescriptorCount() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
+TEST(LoggerFile, DestroyedLoggerFileClosesItsFile) {
+  zeltest::TempDir dir;
+  const size_t before = OpenDescriptorCount();
+  for (int i = 0; i < 50; ++i) {
+    zel::LoggerFile file(dir.path());
+    file.SetName("n" + std::to_string(i));
+    file.Log("line\n");
+    ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == size_t(i + 1); }));
+  }
+  EXPECT_EQ(before, OpenDescriptorCount());
+}
+
 // ---- names at the 255-character limit of a path ----
 
 // Writes `count` numbered lines and waits until the files below `dir` hold

@@ -13,6 +13,8 @@ LoggerFile::LoggerFile(const std::string& dir) : mDir(dir), mTimeTag(TimeTag(Loc
 
 LoggerFile::~LoggerFile() {
   if (mHandler) mHandler->looper->Stop();
+  // Once the writer is stopped: a destroyed named log keeps no descriptor.
+  mCurFile.Close();
   if (mFp != nullptr) fclose(mFp);
 }
 

@@ -32,7 +32,7 @@ class ZEL_API LoggerFile {
   // Takes the time tag from the local time now, creates `dir` if needed and
   // starts the writer thread. The file is opened by the first line.
   explicit LoggerFile(const std::string& dir);
-  // Stops the writer (queued lines are dropped). The current file stays open.
+  // Stops the writer (queued lines are dropped) and closes the current file.
   ~LoggerFile();
   LoggerFile(const LoggerFile&) = delete;
   LoggerFile& operator=(const LoggerFile&) = delete;
