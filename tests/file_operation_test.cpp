@@ -368,6 +368,42 @@ TEST_F(PrinterFile, FailedWriteReturnsItsNegativeResult) {
   EXPECT_EQ(0, zel::getFileSize(("/tmp/" + name).c_str()));
 }
 
+TEST_F(PrinterFile, OffsetsNear2To63AndAboveFailWithTheWritesResult) {
+  for (const uint64_t offset : {0x7fffffffffffffffull, 0x7ffffffffffffffeull,
+                                0x8000000000000000ull, 0xffffffffffffffffull}) {
+    SCOPED_TRACE(offset);
+    const std::string name = TmpFileName("far");
+    std::string local_name;
+    // Past what the file system holds, or a negative off_t: pwrite fails.
+    EXPECT_EQ(-1, Save(Chunk(1, 1, "x/" + name, 1, offset, "z"), "", local_name));
+    EXPECT_EQ(0, zel::getFileSize(("/tmp/" + name).c_str()));
+  }
+}
+
+TEST_F(PrinterFile, HeaderOneByteShortOfPathLengthPlus21IsRefusedAndExactlyItIsAccepted) {
+  const std::string name = TmpFileName("edge");
+  const std::string path = "x/" + name;
+  const int header = static_cast<int>(path.size()) + 21;
+  Bytes chunk = Chunk(7, 2, path, 0, 0, "");
+  ASSERT_EQ(static_cast<size_t>(header), chunk.size());
+  {
+    Diagnostics diag;
+    std::string local_name = "unchanged";
+    Bytes short_by_one(chunk.begin(), chunk.end() - 1);
+    EXPECT_EQ(-1, Save(short_by_one, "user_", local_name));
+    EXPECT_EQ("unchanged", local_name);
+    EXPECT_EQ(1u, DiagCapture::Count("\"Error:\" \"no buffer to save, len = " +
+                                     std::to_string(header) + "\""));
+    EXPECT_FALSE(zel::fileExists(("/tmp/" + name).c_str()));
+  }
+  Diagnostics diag;
+  std::string local_name;
+  EXPECT_EQ(0, Save(chunk, "user_", local_name));
+  EXPECT_EQ(1u, DiagCapture::Count("\"Debug:\" \"file write start:" + std::to_string(header) +
+                                   ", len: 0,  offset:0\""));
+  EXPECT_TRUE(zel::fileExists(("/tmp/" + name).c_str()));
+}
+
 // --- SavePrinterFile: hostile paths ---
 
 TEST_F(PrinterFile, SymlinkPlantedAtTmpNameIsRefusedAndTargetUntouched) {
@@ -382,6 +418,40 @@ TEST_F(PrinterFile, SymlinkPlantedAtTmpNameIsRefusedAndTargetUntouched) {
   EXPECT_EQ(0u, DiagCapture::Count("\"Error:\""));
   EXPECT_EQ("precious", ReadFile(target));
   EXPECT_TRUE(IsSymlink("/tmp/" + name));
+}
+
+TEST_F(PrinterFile, HardLinkPlantedAtTmpNameIsRefusedAndTargetUntouched) {
+  const std::string name = TmpFileName("hardlink");
+  const std::string victim = scratch_ + "/victim";  // same file system as /tmp
+  WriteFile(victim, "precious");
+  ASSERT_EQ(0, link(victim.c_str(), ("/tmp/" + name).c_str()));
+  std::string local_name;
+  EXPECT_EQ(-1, Save(Chunk(7, 2, "x/" + name, 5, 0, "owned"), "user_", local_name));
+  EXPECT_EQ("precious", ReadFile(victim));
+  struct stat st;
+  ASSERT_EQ(0, stat(victim.c_str(), &st));
+  EXPECT_EQ(2u, st.st_nlink);  // nothing was unlinked either
+}
+
+TEST_F(PrinterFile, FileOfAnotherUserAtTmpNameIsRefusedAndUntouched) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
+  const std::string name = TmpFileName("theirs");
+  WriteFile("/tmp/" + name, "theirs");
+  ASSERT_EQ(0, chown(("/tmp/" + name).c_str(), 65534, 65534));
+  std::string local_name;
+  EXPECT_EQ(-1, Save(Chunk(7, 2, "x/" + name, 5, 0, "owned"), "user_", local_name));
+  EXPECT_EQ("theirs", ReadFile("/tmp/" + name));
+}
+
+TEST_F(PrinterFile, FifoOrDirectoryAtTmpNameIsRefused) {
+  const std::string fifo = TmpFileName("fifo");
+  ASSERT_EQ(0, mkfifo(("/tmp/" + fifo).c_str(), 0600));
+  const std::string dir = TmpFileName("dir");
+  ASSERT_EQ(0, mkdir(("/tmp/" + dir).c_str(), 0700));
+  std::string local_name;
+  EXPECT_EQ(-1, Save(Chunk(7, 2, "x/" + fifo, 5, 0, "data"), "user_", local_name));
+  EXPECT_EQ(-1, Save(Chunk(7, 2, "x/" + dir, 5, 0, "data"), "user_", local_name));
+  rmdir(("/tmp/" + dir).c_str());
 }
 
 TEST_F(PrinterFile, DanglingSymlinkIsNotFollowedToCreateItsTarget) {

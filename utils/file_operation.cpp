@@ -38,6 +38,16 @@ const char* FileNameOf(const char* path) {
   return nullptr;
 }
 
+// /tmp is writable by everyone: a name planted there as a hard link to
+// another file (macOS does not stop links to other users' files), a file of
+// another user, a FIFO or a device must not receive print data. Only a
+// regular file of ours with no other name will do.
+bool IsOwnPrivateFile(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() &&
+         st.st_nlink == 1;
+}
+
 }  // namespace
 
 namespace zel {
@@ -99,6 +109,10 @@ int SavePrinterFile(unsigned int len, unsigned char* buffer, std::string label,
   std::snprintf(tmp_name, sizeof(tmp_name), "/tmp/%s", file_name);
   const int fd = open(tmp_name, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   if (fd < 0) return -1;
+  if (!IsOwnPrivateFile(fd)) {
+    close(fd);
+    return -1;
+  }
 
   const unsigned int data_len = len - header_len;
   ZEL_DEBUG("file write start:%d, len: %d,  offset:%llu", static_cast<int>(header_len),

@@ -43,7 +43,9 @@ ZEL_API bool deleteFile(const char* path);
 // so the write never leaves "/tmp/"; names "", "." and ".." resolve to the
 // directory itself and fail. The file is opened with O_NOFOLLOW: a symbolic
 // link planted at "/tmp/<name>" by another user is refused (-1) and its target
-// is left untouched.
+// is left untouched. After opening, data goes only to a regular file owned by
+// the effective user with exactly one link: a planted hard link, another
+// user's file, a FIFO or a device is closed unwritten (-1).
 //
 // Returns 0 (also for a short write), -1 when the buffer is too short, names
 // no file or the file cannot be opened, or pwrite's negative result.
