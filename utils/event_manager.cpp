@@ -1,8 +1,13 @@
 #include "utils/event_manager.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace zel {
+
+namespace {
+constexpr auto kRunningRecheck = std::chrono::milliseconds(100);
+}  // namespace
 
 EventManager& EventManager::getInstance() {
   static EventManager instance;
@@ -40,7 +45,10 @@ void EventManager::sendEvent(const std::string& name) {
 void EventManager::processEvents() {
   while (running) {
     std::unique_lock<std::mutex> lock(mutex);
-    cond.wait(lock, [this] { return !queue.empty() || !running; });
+    // stop() notifies without the lock: a notification lost between the
+    // test and the wait must not leave this thread (and the process's exit)
+    // waiting for ever, so `running` is looked at again every 100 ms.
+    while (queue.empty() && running) cond.wait_for(lock, kRunningRecheck);
     while (!queue.empty() && running) {
       const Entry entry = queue.front();
       queue.pop_front();

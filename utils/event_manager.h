@@ -42,7 +42,8 @@ class ZEL_API EventManager {
   // Body of the event thread; only the constructor runs it.
   void processEvents();
   // Ends the event thread (joining it); there is no restart. Events sent
-  // afterwards are queued but never called. Must not be called from a callback.
+  // afterwards are queued but never called. Must not be called from a
+  // callback. May block for the running callback, plus up to 100 ms.
   void stop();
 
  private:
