@@ -219,6 +219,26 @@ inline std::vector<int> Sequence(int count) {
   return numbers;
 }
 
+// Waits until some current (".txt") file below `base` ends in `tail`.
+inline bool WaitForLastLine(const std::string& base, const std::string& tail) {
+  return WaitFor([&] {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(base, ec)) {
+      const std::string path = entry.path().string();
+      if (!entry.is_regular_file() || path.size() < 4 || path.substr(path.size() - 4) != ".txt")
+        continue;
+      std::ifstream in(path, std::ios::binary | std::ios::ate);
+      const std::streamoff size = in.tellg();
+      if (size < static_cast<std::streamoff>(tail.size())) continue;
+      std::string end(tail.size(), '\0');
+      in.seekg(size - static_cast<std::streamoff>(tail.size()));
+      in.read(&end[0], static_cast<std::streamsize>(end.size()));
+      if (end == tail) return true;
+    }
+    return false;
+  }, std::chrono::seconds(60));
+}
+
 // Every line of every file below `base`, in the order written: directories in
 // name order, and in each the rotated files by number, then the current one.
 inline std::vector<std::string> LinesBelow(const std::string& base) {
