@@ -316,6 +316,39 @@ TEST(LoggerFileLongNames, DirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWri
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + cut + "]\n"));
 }
 
+TEST(LoggerFileLongNames, DirectoriesOf200To300CharactersRotateWithoutLosingALine) {
+  const std::string big = Line('B', kMaxFileSize + 1);
+  for (size_t length = 200; length <= 300; ++length) {
+    SCOPED_TRACE(length);
+    zeltest::TempDir scratch;
+    const std::string dir = zeltest::PathOfLength(scratch.path(), length);
+    zeltest::StdoutCapture capture;
+    {
+      zel::LoggerFile file(dir);
+      file.SetName("n");
+      // Past the size limit, then three lines that each find a file.
+      for (const std::string& line : {big, std::string("b1\n"), std::string("b2\n"),
+                                      std::string("b3\n")}) {
+        file.Log(line);
+      }
+      if (length == 255) {
+        // A directory of 255 characters leaves no room for a file name.
+        EXPECT_TRUE(capture.WaitForCount("operator() 201: fp is null \n", 4));
+        continue;
+      }
+      ASSERT_TRUE(zeltest::WaitFor([&] {
+        const auto lines = zeltest::LinesBelow(scratch.path());
+        return !lines.empty() && lines.back() == "b3";
+      }));
+    }
+    const std::string out = capture.Take();
+    const std::vector<std::string> expected{big.substr(0, big.size() - 1), "b1", "b2", "b3"};
+    EXPECT_EQ(expected, zeltest::LinesBelow(scratch.path()));
+    // Cut names (from 244 characters on) are reported, once.
+    EXPECT_EQ(length >= 244 ? 1u : 0u, zeltest::StdoutCapture::Count(out, kCutReport));
+  }
+}
+
 TEST(LoggerFileMidnight, KeepsWritingTheSameFilePastMidnight) {
   zeltest::TempDir dir;
   ASSERT_EQ(0, zeltest::RunUnderFaketime("2030-03-14 23:59:58",

@@ -1,6 +1,9 @@
 #include "utils/logger.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -331,6 +334,37 @@ TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + names[0] + "]\n"));
 }
 
+TEST(LoggerLongBase, DayDirectoryOf254CharactersHoldsAFileNamedByTheCutPath) {
+  zeltest::TempDir scratch;
+  const std::string base = zeltest::PathOfLength(scratch.path(), 254 - 9);  // + "YYYYMMDD/"
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger::GetInstance()->Log("inside\n");
+  const std::string dayDir = base + zeltest::TodayText();
+  const bool written = zeltest::WaitForText(dayDir + "z", "inside\n");  // "zel.log..." cut to "z"
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  ASSERT_TRUE(written);
+  EXPECT_EQ(std::vector<std::string>{"z"}, FileNames(dayDir));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + "z]\n"));
+}
+
+TEST(LoggerLongBase, DayDirectoryOf255CharactersIsCreatedButCannotHoldAFile) {
+  zeltest::TempDir scratch;
+  const std::string base = zeltest::PathOfLength(scratch.path(), 255 - 9);
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger* logger = zel::Logger::GetInstance();
+  logger->Log("lost\n");
+  logger->Log("lost too\n");
+  const bool dropped = capture.WaitForCount("operator() 333: fp is null \n", 2);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_TRUE(dropped) << out;
+  const std::string dayDir = base + zeltest::TodayText();
+  EXPECT_TRUE(std::filesystem::is_directory(dayDir));
+  EXPECT_TRUE(FileNames(dayDir).empty());
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
+}
+
 TEST(LoggerLongBase, DayDirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWritten) {
   zeltest::TempDir scratch;
   const std::string base = zeltest::PathOfLength(scratch.path(), 256 - 9);  // + "YYYYMMDD/"
@@ -345,6 +379,136 @@ TEST(LoggerLongBase, DayDirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWritt
   ASSERT_TRUE(written);
   EXPECT_TRUE(std::filesystem::is_regular_file(cut));
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + cut + "]\n"));
+}
+
+// ---- faults ----
+
+// Lines of exactly one page: on a tmpfs or under a size limit counted in
+// pages, each write then fits whole or fails whole.
+constexpr size_t kPage = 4096;
+
+// The numbers of the numbered lines below `dir` (other lines are skipped).
+std::vector<int> NumberedLinesBelow(const std::string& dir) {
+  std::vector<std::string> numbered;
+  for (const auto& line : zeltest::LinesBelow(dir)) {
+    if (line.size() == kPage - 1 && line[5] == ' ') numbered.push_back(line);
+  }
+  return zeltest::LineNumbers(numbered);
+}
+
+// first..last.
+std::vector<int> Range(int first, int last) {
+  std::vector<int> numbers;
+  for (int n = first; n <= last; ++n) numbers.push_back(n);
+  return numbers;
+}
+
+// A sink that counts the lines handed to it.
+class CountingSink : public zel::LogBackend {
+ public:
+  int Log(const std::string&) override {
+    ++count;
+    return 0;
+  }
+  std::atomic<int> count{0};
+};
+
+// Returns once the writer has dealt with every line posted before: a marker
+// line for the sinks reaches them only after the lines before it were written.
+void WaitForWriter(zel::Logger* logger) {
+  CountingSink sink;
+  logger->AddBackend(&sink);
+  logger->Log("-- writer reached --\n", 3, true);
+  EXPECT_TRUE(zeltest::WaitFor([&] { return sink.count > 0; }));
+  logger->RemoveBackend(&sink);  // waits for the writer to let go of it
+}
+
+void LogNumbered(zel::Logger* logger, int first, int last) {
+  for (int n = first; n <= last; ++n) logger->Log(zeltest::NumberedLine(n, kPage));
+}
+
+TEST_F(LoggerTest, DayDirectoryDeletedWhileLoggingIsMadeAgainAndLoggingGoesOn) {
+  LogNumbered(logger, 0, 49);
+  WaitForWriter(logger);
+  std::filesystem::remove_all(dayDir);
+  zeltest::StdoutCapture capture;
+  LogNumbered(logger, 50, 99);
+  WaitForWriter(logger);
+  const std::string out = capture.Take();
+  // Lines 0-49 went with the deleted directory; the open file was moved on.
+  EXPECT_EQ(Range(50, 99), NumberedLinesBelow(dayDir));
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "getFile 556,rename error\n")) << out;
+}
+
+TEST(LoggerFaults, FullDiskLosesLinesAndLoggingResumesWhenSpaceReturns) {
+  zeltest::TempDir scratch;
+  const std::string base = scratch.path() + "small/";
+  ASSERT_EQ(0, mkdir(base.c_str(), 0755));
+  ASSERT_TRUE(zeltest::MountPrivateTmpfs(base, 64 * kPage)) << "no private mount namespace";
+  const std::string filler = base + "filler";
+  zeltest::WriteFile(filler, std::string(56 * kPage, 'f'));  // 8 pages stay free
+  zel_set_log_path(base.c_str());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  LogNumbered(logger, 0, 99);
+  WaitForWriter(logger);
+  ASSERT_EQ(0, unlink(filler.c_str()));  // space returns
+  LogNumbered(logger, 100, 149);
+  WaitForWriter(logger);
+  // The lines that found no room are lost (the flush fails, quietly); the
+  // file takes whole lines again as soon as there is room.
+  std::vector<int> expected = Range(0, 7);
+  for (int n : Range(100, 149)) expected.push_back(n);
+  EXPECT_EQ(expected, NumberedLinesBelow(base));
+}
+
+TEST(LoggerFaults, FileSizeLimitLosesLinesAndLoggingResumesWhenRaised) {
+  zeltest::TempDir base;
+  signal(SIGXFSZ, SIG_IGN);  // the writes then fail with EFBIG instead
+  rlimit saved;
+  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+  zel_set_log_path(base.path().c_str());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  rlimit small = saved;
+  small.rlim_cur = 8 * kPage;
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+  LogNumbered(logger, 0, 99);
+  WaitForWriter(logger);
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+  LogNumbered(logger, 100, 149);
+  WaitForWriter(logger);
+  std::vector<int> expected = Range(0, 7);
+  for (int n : Range(100, 149)) expected.push_back(n);
+  EXPECT_EQ(expected, NumberedLinesBelow(base.path()));
+}
+
+TEST(LoggerFaults, BaseWithoutPermissionDropsLinesWithFpIsNull) {
+  zeltest::TempDir scratch;
+  // As an ordinary user: root is not held back by permissions.
+  ASSERT_EQ(0, chmod(scratch.path().c_str(), 0755));
+  const std::string locked = scratch.path() + "locked/";
+  const std::string out = scratch.path() + "out/";
+  ASSERT_EQ(0, mkdir(locked.c_str(), 0555));
+  ASSERT_EQ(0, mkdir(out.c_str(), 0777));
+  ASSERT_EQ(0, chmod(out.c_str(), 0777));
+  const int status = zeltest::RunAsOrdinaryUser([&] {
+    if (freopen((out + "stdout.txt").c_str(), "w", stdout) == nullptr) return 10;
+    const std::string base = locked + "logs/";
+    zel_set_log_path(base.c_str());
+    zel::Logger* logger = zel::Logger::GetInstance();
+    logger->Log("lost\n");
+    logger->Log("lost too\n");
+    const bool dropped = zeltest::WaitFor([&] {
+      fflush(stdout);
+      return zeltest::StdoutCapture::Count(ReadFile(out + "stdout.txt"),
+                                           "operator() 333: fp is null \n") == 2;
+    });
+    if (!dropped) return 11;
+    if (ReadFile(out + "stdout.txt").find("mkdir error,[" + locked + "logs]\n") == std::string::npos) {
+      return 12;
+    }
+    return std::filesystem::exists(base) ? 13 : 0;
+  });
+  EXPECT_EQ(0, status) << ReadFile(out + "stdout.txt");
 }
 
 TEST(LoggerBuildLogPath, WithUserBuildsLibraryZelPathAndReportsMkdirFailure) {

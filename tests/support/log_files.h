@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <time.h>
@@ -237,6 +239,33 @@ inline bool WaitForLastLine(const std::string& base, const std::string& tail) {
     }
     return false;
   }, std::chrono::seconds(60));
+}
+
+// Moves this test process (still single-threaded: call it before anything
+// starts a thread) into a mount namespace of its own, with a tmpfs of `bytes`
+// mounted on the existing directory `dir`. Unprivileged users get a user
+// namespace too, where the kernel allows one. False if refused.
+inline bool MountPrivateTmpfs(const std::string& dir, size_t bytes) {
+  const int flags = geteuid() == 0 ? CLONE_NEWNS : (CLONE_NEWUSER | CLONE_NEWNS);
+  if (unshare(flags) != 0) return false;
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+  const std::string options = "size=" + std::to_string(bytes);
+  return mount("zeltest", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+// Runs `body` in a child process as the ordinary user 65534 (when this one
+// is root; otherwise as this user) and returns its exit status, or -1. The
+// child has a Logger of its own.
+inline int RunAsOrdinaryUser(const std::function<int()>& body) {
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // Every line of every file below `base`, in the order written: directories in
