@@ -1,6 +1,7 @@
 #include "utils/key_store.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -10,7 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -38,10 +42,18 @@ void WriteFile(const std::string& path, const std::string& bytes) {
 // Every test of this file uses the one settings file of the login (or the
 // process table, for the root case of the paths); ctest runs test cases in
 // parallel processes, so they take turns through an exclusive file lock.
+// Opened read-only (enough for flock) so that root and ordinary users can
+// share a lock file that either of them created.
 class SharedFileLock {
  public:
-  SharedFileLock() : fd_(open("/tmp/zel_key_store_test.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666)) {
-    if (fd_ >= 0) flock(fd_, LOCK_EX);
+  SharedFileLock() {
+    constexpr char kPath[] = "/tmp/zel_key_store_test.lock";
+    fd_ = open(kPath, O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0 && errno == ENOENT) fd_ = open(kPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ >= 0 && flock(fd_, LOCK_EX) != 0) {
+      close(fd_);
+      fd_ = -1;
+    }
   }
   ~SharedFileLock() {
     if (fd_ >= 0) close(fd_);  // closing releases the lock
@@ -49,7 +61,7 @@ class SharedFileLock {
   bool held() const { return fd_ >= 0; }
 
  private:
-  int fd_;
+  int fd_ = -1;
 };
 
 // A file that was at `path` before the test, put back afterwards.
@@ -58,18 +70,25 @@ class SavedFile {
   explicit SavedFile(std::string path) : path_(std::move(path)) {
     std::error_code error;
     existed_ = fs::is_regular_file(path_, error);
-    if (existed_) bytes_ = ReadFile(path_);
+    if (existed_) {
+      bytes_ = ReadFile(path_);
+      mode_ = fs::status(path_, error).permissions();
+    }
   }
   ~SavedFile() {
     std::error_code error;
     fs::remove_all(path_, error);
-    if (existed_) WriteFile(path_, bytes_);
+    if (existed_) {
+      WriteFile(path_, bytes_);
+      fs::permissions(path_, mode_, error);
+    }
   }
 
  private:
   std::string path_;
   bool existed_ = false;
   std::string bytes_;
+  fs::perms mode_ = fs::perms::none;
 };
 
 std::string LoginName() {
@@ -79,7 +98,9 @@ std::string LoginName() {
 }
 
 // The real settings file of this login, saved before and restored after each
-// test, with any folders that had to be made for it removed again.
+// test, with any folders that had to be made for it removed again. Its
+// folder lies under /Users, which only root can usually make: a test that
+// needs to write the file is skipped when the folder cannot be made.
 class KeyStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -90,7 +111,11 @@ class KeyStoreTest : public ::testing::Test {
     std::free(path);
     saved_.emplace_back(path_);
     saved_.emplace_back(path_ + ".tmp");
-    MakeParentFolders();
+    const bool folder = MakeParentFolders();
+    if (NeedsSettingsFolder() && !folder) {
+      GTEST_SKIP() << "cannot make or write " << fs::path(path_).parent_path()
+                   << " as this user (root can)";
+    }
     std::error_code error;
     fs::remove_all(path_, error);
     fs::remove_all(path_ + ".tmp", error);
@@ -100,16 +125,20 @@ class KeyStoreTest : public ::testing::Test {
     for (auto it = created_.rbegin(); it != created_.rend(); ++it) rmdir(it->c_str());
   }
 
-  void MakeParentFolders() {
+  virtual bool NeedsSettingsFolder() const { return true; }
+
+  // True when the settings file's folder exists (or was made) and is writable.
+  bool MakeParentFolders() {
+    const fs::path parent = fs::path(path_).parent_path();
     std::vector<std::string> missing;
-    for (fs::path folder = fs::path(path_).parent_path(); !fs::exists(folder);
-         folder = folder.parent_path()) {
+    for (fs::path folder = parent; !fs::exists(folder); folder = folder.parent_path()) {
       missing.push_back(folder.string());
     }
     for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-      ASSERT_EQ(0, mkdir(it->c_str(), 0755)) << *it;
+      if (mkdir(it->c_str(), 0755) != 0) return false;
       created_.push_back(*it);
     }
+    return access(parent.c_str(), W_OK | X_OK) == 0;
   }
 
   void Settings(const std::string& bytes) { WriteFile(path_, bytes); }
@@ -130,15 +159,22 @@ class KeyStoreTest : public ::testing::Test {
   std::vector<std::string> created_;
 };
 
+// The same, for tests that hold whether or not the folder can be made (the
+// path, and what happens when there is no settings file).
+class KeyStoreAnyUserTest : public KeyStoreTest {
+ protected:
+  bool NeedsSettingsFolder() const override { return false; }
+};
+
 // ---- the path ----
 
-TEST_F(KeyStoreTest, ConfigFilePathIsUsersLoginClientConfigIni) {
+TEST_F(KeyStoreAnyUserTest, ConfigFilePathIsUsersLoginClientConfigIni) {
   EXPECT_EQ("/Users/" + LoginName() + "/client_config.ini", path_);
 }
 
 // ---- reading ----
 
-TEST_F(KeyStoreTest, MissingFileGivesEmptyValueAndPrintsFopenError) {
+TEST_F(KeyStoreAnyUserTest, MissingFileGivesEmptyValueAndPrintsFopenError) {
   testing::internal::CaptureStderr();
   const std::string value = Get("net", "port");
   const std::string printed = testing::internal::GetCapturedStderr();
@@ -146,7 +182,7 @@ TEST_F(KeyStoreTest, MissingFileGivesEmptyValueAndPrintsFopenError) {
   EXPECT_NE(std::string::npos, printed.find("fopen: No such file or directory")) << printed;
 }
 
-TEST_F(KeyStoreTest, MissingFileGivesIntZero) { EXPECT_EQ(0, GetKeyInt("net", "port")); }
+TEST_F(KeyStoreAnyUserTest, MissingFileGivesIntZero) { EXPECT_EQ(0, GetKeyInt("net", "port")); }
 
 TEST_F(KeyStoreTest, KeyEqualToLineNameIsFound) {
   Settings("[net]\nport=80\n");
@@ -443,7 +479,7 @@ TEST_F(KeyStoreTest, PutKeyStringKeepsBinaryJunkByteForByte) {
   EXPECT_EQ(junk + "\n[s]\nk=1\n", Settings());
 }
 
-TEST_F(KeyStoreTest, PutKeyStringOfMissingFileReturnsMinusTwo) {
+TEST_F(KeyStoreAnyUserTest, PutKeyStringOfMissingFileReturnsMinusTwo) {
   EXPECT_EQ(-2, PutKeyString("s", "k", "1"));
   EXPECT_FALSE(fs::exists(path_));
   EXPECT_FALSE(fs::exists(path_ + ".tmp"));
@@ -470,7 +506,7 @@ TEST_F(KeyStoreTest, PutKeyIntWritesNegativeNumber) {
   EXPECT_EQ(-7, GetKeyInt("s", "k"));
 }
 
-TEST_F(KeyStoreTest, PutKeyIntOfMissingFileReturnsMinusTwo) {
+TEST_F(KeyStoreAnyUserTest, PutKeyIntOfMissingFileReturnsMinusTwo) {
   EXPECT_EQ(-2, PutKeyInt("s", "k", 3));
 }
 
