@@ -24,11 +24,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/child_run.h"
 #include "utils/process_info.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using zeltest::ChildResult;
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -521,6 +523,10 @@ TEST_F(KeyStoreTest, PutKeyIntWritesExtremes) {
 
 constexpr char kClientName[] = "orvane";
 
+// A user id that no account has, for the cases where the system cannot name
+// the user's folders.
+constexpr uid_t kUnknownUid = 54321;
+
 class AppPathsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -536,44 +542,82 @@ class AppPathsTest : public ::testing::Test {
     fs::remove_all(dir_, error);
   }
 
+  using Environment = std::vector<std::pair<std::string, const char*>>;
+
+  static void Apply(const Environment& env) {
+    for (const auto& [name, value] : env) {
+      if (value != nullptr) {
+        setenv(name.c_str(), value, 1);
+      } else {
+        unsetenv(name.c_str());
+      }
+    }
+  }
+
   // Runs `paths` in a child process as an ordinary user (the nobody account
   // when the tests run as root) with the given environment, and returns what
   // it produced.
-  std::string AsOrdinaryUser(const std::vector<std::pair<std::string, const char*>>& env,
-                             const std::function<std::string()>& paths) {
-    int fds[2];
-    if (pipe(fds) != 0) return "<pipe failed>";
-    const passwd* nobody = getpwnam("nobody");
-    const uid_t uid = nobody != nullptr ? nobody->pw_uid : 65534;
-    const gid_t gid = nobody != nullptr ? nobody->pw_gid : 65534;
-    const pid_t child = fork();
-    if (child == 0) {
-      close(fds[0]);
-      if (getuid() == 0 && (setgid(gid) != 0 || setuid(uid) != 0)) _exit(2);
-      for (const auto& [name, value] : env) {
-        if (value != nullptr) {
-          setenv(name.c_str(), value, 1);
-        } else {
-          unsetenv(name.c_str());
-        }
-      }
-      const std::string text = paths();
-      const bool written = write(fds[1], text.data(), text.size()) ==
-                           static_cast<ssize_t>(text.size());
-      _exit(written ? 0 : 3);
-    }
-    close(fds[1]);
-    std::string text;
-    char buffer[256];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
-    close(fds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return text;
+  static std::string AsOrdinaryUser(const Environment& env,
+                                    const std::function<std::string()>& paths) {
+    const ChildResult child = zeltest::RunAsOrdinaryUser([&] {
+      Apply(env);
+      return paths();
+    });
+    EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+    return child.output;
+  }
+
+  // The same as a user id without an account (needs root).
+  static std::string AsUnknownUser(const Environment& env,
+                                   const std::function<std::string()>& paths) {
+    const ChildResult child = zeltest::RunInChild([&] {
+      if (!zeltest::BecomeUser(kUnknownUid, kUnknownUid)) zeltest::EndChild(2);
+      Apply(env);
+      return paths();
+    });
+    EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+    return child.output;
   }
 
   static std::string BothPaths() { return GetAppRootPath() + "|" + GetAppDataPath(); }
+
+  // A folder under dir_ whose path is `length` characters long, in parts
+  // short enough to be made.
+  std::string FolderOfLength(size_t length) const {
+    std::string path = dir_;
+    while (path.size() < length) {
+      const size_t room = length - path.size() - 1;  // after the next "/"
+      // Never leave room for a "/" alone.
+      const size_t part = room <= 100 ? room : std::min<size_t>(100, room - 2);
+      path += "/" + std::string(part, 'f');
+    }
+    return path;
+  }
+
+  // Starts a stand-in client (a copy of sleep named like the client) as
+  // uid/gid and waits until the library can see it.
+  pid_t StartClient(uid_t uid, gid_t gid) {
+    const std::string client = dir_ + "/" + kClientName;
+    fs::copy_file("/bin/sleep", client, fs::copy_options::overwrite_existing);
+    if (chmod(client.c_str(), 0755) != 0) return -1;
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(uid) == 0) {
+        execl(client.c_str(), kClientName, "30", nullptr);
+      }
+      _exit(127);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (child > 0 && getProcessUid(kClientName) != static_cast<int>(uid) &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return child;
+  }
+  static void StopClient(pid_t child) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
 
   SharedFileLock lock_;
   std::string dir_;
@@ -607,9 +651,64 @@ TEST_F(AppPathsTest, OrdinaryUserIgnoresRelativeDataHome) {
                            BothPaths));
 }
 
+TEST_F(AppPathsTest, OrdinaryUserRootPathOf1023CharactersIsKeptWhole) {
+  // "<folder>/orvane/" adds 8 characters.
+  const std::string xdg = FolderOfLength(1015);
+  const std::string root = AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppRootPath);
+  EXPECT_EQ(1023u, root.size());
+  EXPECT_EQ(xdg + "/orvane/", root);
+  const std::string shorter = FolderOfLength(1014);
+  EXPECT_EQ(shorter + "/orvane/",
+            AsOrdinaryUser({{"XDG_DATA_HOME", shorter.c_str()}}, GetAppRootPath));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserRootPathOf1024CharactersIsCutTo1023) {
+  const std::string xdg = FolderOfLength(1016);
+  EXPECT_EQ(xdg + "/orvane",
+            AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppRootPath));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserDataPathOf1023CharactersIsKeptWhole) {
+  // "<folder>/orvane/log/" adds 12 characters.
+  const std::string xdg = FolderOfLength(1011);
+  const std::string data = AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppDataPath);
+  EXPECT_EQ(1023u, data.size());
+  EXPECT_EQ(xdg + "/orvane/log/", data);
+  const std::string shorter = FolderOfLength(1010);
+  EXPECT_EQ(shorter + "/orvane/log/",
+            AsOrdinaryUser({{"XDG_DATA_HOME", shorter.c_str()}}, GetAppDataPath));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserDataPathOf1024CharactersIsCutTo1023) {
+  const std::string xdg = FolderOfLength(1012);
+  EXPECT_EQ(xdg + "/orvane/log",
+            AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppDataPath));
+}
+
 // The root case needs root; CI runs as root.
 #define REQUIRE_ROOT() \
   if (getuid() != 0) GTEST_SKIP() << "the root case needs root"
+
+TEST_F(AppPathsTest, OrdinaryUserWithEmptyHomeUsesTheAccountsHome) {
+  // As root only: the child is "nobody", whose home cannot be made, so no
+  // real user's folder is touched.
+  REQUIRE_ROOT();
+  const passwd* nobody = getpwnam("nobody");
+  ASSERT_NE(nullptr, nobody);
+  const std::string home = nobody->pw_dir;
+  ASSERT_FALSE(fs::exists(home)) << home;
+  const std::string expected =
+      home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/";
+  EXPECT_EQ(expected, AsOrdinaryUser({{"XDG_DATA_HOME", ""}, {"HOME", ""}}, BothPaths));
+  EXPECT_EQ(expected, AsOrdinaryUser({{"XDG_DATA_HOME", nullptr}, {"HOME", nullptr}}, BothPaths));
+  EXPECT_FALSE(fs::exists(home));
+}
+
+TEST_F(AppPathsTest, OrdinaryUserWithoutAccountOrHomeGetsEmptyPaths) {
+  REQUIRE_ROOT();
+  ASSERT_EQ(nullptr, getpwuid(kUnknownUid));
+  EXPECT_EQ("|", AsUnknownUser({{"XDG_DATA_HOME", nullptr}, {"HOME", nullptr}}, BothPaths));
+}
 
 TEST_F(AppPathsTest, RootWithoutRunningClientGetsEmptyPaths) {
   REQUIRE_ROOT();
@@ -622,30 +721,28 @@ TEST_F(AppPathsTest, RootGetsFoldersOfTheUserRunningTheClientWithoutTrailingSlas
   REQUIRE_ROOT();
   const passwd* nobody = getpwnam("nobody");
   ASSERT_NE(nullptr, nobody);
-  const uid_t uid = nobody->pw_uid;
-  const gid_t gid = nobody->pw_gid;
   const std::string home = nobody->pw_dir;
-  // A stand-in client: a copy of sleep named like the client, run as nobody.
-  const std::string client = dir_ + "/" + kClientName;
-  fs::copy_file("/bin/sleep", client);
-  ASSERT_EQ(0, chmod(client.c_str(), 0755));
-  const pid_t child = fork();
-  if (child == 0) {
-    if (setgid(gid) == 0 && setuid(uid) == 0) execl(client.c_str(), kClientName, "30", nullptr);
-    _exit(127);
-  }
+  const pid_t child = StartClient(nobody->pw_uid, nobody->pw_gid);
   ASSERT_GT(child, 0);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (getProcessUid(kClientName) != static_cast<int>(uid) &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
   const std::string root = GetAppRootPath();
   const std::string data = GetAppDataPath();
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
+  StopClient(child);
   EXPECT_EQ(home + "/.local/share/orvane", root);
   EXPECT_EQ(home + "/.local/share/orvane/log/", data);
+}
+
+TEST_F(AppPathsTest, RootGetsEmptyPathsWhenTheClientsUserHasNoAccount) {
+  REQUIRE_ROOT();
+  ASSERT_EQ(nullptr, getpwuid(kUnknownUid));
+  const pid_t child = StartClient(kUnknownUid, kUnknownUid);
+  ASSERT_GT(child, 0);
+  const int seen = getProcessUid(kClientName);
+  const std::string root = GetAppRootPath();
+  const std::string data = GetAppDataPath();
+  StopClient(child);
+  ASSERT_EQ(static_cast<int>(kUnknownUid), seen);
+  EXPECT_EQ("", root);
+  EXPECT_EQ("", data);
 }
 
 }  // namespace
