@@ -519,6 +519,231 @@ TEST_F(KeyStoreTest, PutKeyIntWritesExtremes) {
   EXPECT_EQ("[s]\na=-2147483648\nb=2147483647\n", Settings());
 }
 
+// ---- fixed sizes: lines are read in pieces of at most 1023 bytes ----
+
+// A name=value line of exactly `bytes` bytes, newline included, whose name
+// is all 'n' (as long as it must be).
+std::string NameForLineOf(size_t bytes, const std::string& value) {
+  return std::string(bytes - value.size() - 2, 'n');
+}
+
+TEST_F(KeyStoreTest, LineOf1022BytesIsReadAsOneLine) {
+  const std::string name = NameForLineOf(1022, "12");
+  Settings("[s]\n" + name + "=12\n");
+  EXPECT_EQ("12", Get("s", name.c_str()));
+  EXPECT_EQ(12, GetKeyInt("s", name.c_str()));
+}
+
+TEST_F(KeyStoreTest, LineOf1023BytesIsReadAsOneLine) {
+  const std::string name = NameForLineOf(1023, "12");
+  Settings("[s]\n" + name + "=12\n");
+  EXPECT_EQ("12", Get("s", name.c_str()));
+  EXPECT_EQ(12, GetKeyInt("s", name.c_str()));
+}
+
+TEST_F(KeyStoreTest, LineOf1024BytesLosesItsNewlineToTheNextPieceAndTheValueItsLastCharacter) {
+  const std::string name = NameForLineOf(1024, "12");
+  Settings("[s]\n" + name + "=12\nnext=3\n");
+  EXPECT_EQ("1", Get("s", name.c_str()));
+  EXPECT_EQ(1, GetKeyInt("s", name.c_str()));
+  EXPECT_EQ("3", Get("s", "next"));  // the lone newline piece is skipped
+}
+
+TEST_F(KeyStoreTest, SecondPieceOfA2000ByteLineIsReadAsALineOfItsOwn) {
+  // 1996 'n' then "=12\n": the first piece is 1023 'n', the second holds
+  // the other 973 'n' and "=12", so only the shorter name finds the value.
+  const std::string name = NameForLineOf(2000, "12");
+  Settings("[s]\n" + name + "=12\n");
+  const std::string tail(name.size() - 1023, 'n');
+  EXPECT_EQ("12", Get("s", tail.c_str()));
+  EXPECT_EQ(12, GetKeyInt("s", tail.c_str()));
+  EXPECT_EQ("", Get("s", std::string(tail.size() - 1, 'n').c_str()));
+}
+
+TEST_F(KeyStoreTest, SecondPieceOfA2000ByteCommentLineIsNotAComment) {
+  const std::string value(974, 'v');
+  Settings("[s]\n#" + std::string(1022, 'c') + "k=" + value + "\n");
+  EXPECT_EQ(value.substr(0, 31), Get("s", "k"));
+}
+
+// "k=" and a value of `bytes` - 3 'v', so that the line is `bytes` long.
+std::string KeyLineOf(size_t bytes) { return "k=" + std::string(bytes - 3, 'v') + "\n"; }
+
+TEST_F(KeyStoreTest, PutKeyStringCopiesAndRewritesALineOf1022Bytes) {
+  const std::string text = "[s]\n" + KeyLineOf(1022) + "next=1\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("s", "absent", "x"));
+  EXPECT_EQ(text, Settings());
+  EXPECT_EQ(0, PutKeyString("s", "k", "x"));
+  EXPECT_EQ("[s]\nk=x\nnext=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringCopiesAndRewritesALineOf1023Bytes) {
+  const std::string text = "[s]\n" + KeyLineOf(1023) + "next=1\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("s", "absent", "x"));
+  EXPECT_EQ(text, Settings());
+  EXPECT_EQ(0, PutKeyString("s", "k", "x"));
+  EXPECT_EQ("[s]\nk=x\nnext=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringRewritesOnlyTheFirstPieceOfALineOf1024Bytes) {
+  const std::string text = "[s]\n" + KeyLineOf(1024) + "next=1\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("s", "absent", "x"));
+  EXPECT_EQ(text, Settings());
+  EXPECT_EQ(0, PutKeyString("s", "k", "x"));
+  // The second piece, the old line's newline, stays as an empty line.
+  EXPECT_EQ("[s]\nk=x\n\nnext=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringRewritesOnlyTheFirstPieceOfALineOf2000Bytes) {
+  const std::string text = "[s]\n" + KeyLineOf(2000) + "next=1\n";
+  Settings(text);
+  EXPECT_EQ(0, PutKeyString("s", "absent", "x"));
+  EXPECT_EQ(text, Settings());
+  EXPECT_EQ(0, PutKeyString("s", "k", "x"));
+  // The first piece held "k=" and 1021 'v'; the rest of the old value stays.
+  EXPECT_EQ("[s]\nk=x\n" + std::string(2000 - 3 - 1021, 'v') + "\nnext=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringRewritesAKeyLineFoundInTheSecondPieceOfAComment) {
+  const std::string comment = "#" + std::string(1022, 'c');
+  Settings("[s]\n" + comment + "k=" + std::string(974, 'v') + "\nnext=1\n");
+  EXPECT_EQ(0, PutKeyString("s", "k", "x"));
+  EXPECT_EQ("[s]\n" + comment + "k=x\nnext=1\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWritesANewLineOf1022BytesWhole) {
+  Settings("[s]\nk=1\n");
+  const std::string value(1019, 'v');
+  EXPECT_EQ(0, PutKeyString("s", "k", value.c_str()));
+  EXPECT_EQ("[s]\nk=" + value + "\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWritesANewLineOf1023BytesWhole) {
+  Settings("[s]\nk=1\n");
+  const std::string value(1020, 'v');
+  EXPECT_EQ(0, PutKeyString("s", "k", value.c_str()));
+  EXPECT_EQ("[s]\nk=" + value + "\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringCutsANewLineOf1024BytesTo1023KeepingTheNewline) {
+  Settings("[s]\nk=1\n");
+  const std::string value(1021, 'v');
+  EXPECT_EQ(0, PutKeyString("s", "k", value.c_str()));
+  EXPECT_EQ("[s]\nk=" + value.substr(0, 1020) + "\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringLeavesRoomForTheValueAfterTheNameOnly) {
+  // A name of 1020 characters leaves one byte for the value before the newline.
+  const std::string name(1020, 'n');
+  Settings("[s]\n" + name + "=1\n");
+  EXPECT_EQ(0, PutKeyString("s", name.c_str(), "xyz"));
+  EXPECT_EQ("[s]\n" + name + "=x\n", Settings());
+}
+
+// ---- fixed sizes: the 32-byte section header ----
+
+// A section name of `length` characters that shows where it was cut.
+std::string SectionOf(size_t length) {
+  std::string name;
+  for (size_t i = 0; i < length; ++i) name += static_cast<char>('a' + i % 26);
+  return name;
+}
+
+TEST_F(KeyStoreTest, SectionNameOf28CharactersMatchesItsHeader) {
+  const std::string section = SectionOf(28);
+  Settings("[" + section + "]\nk=1\n");
+  EXPECT_EQ("1", Get(section.c_str(), "k"));
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ("[" + section + "]\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringFindsTheHeaderOfASectionNameOf29Characters) {
+  const std::string section = SectionOf(29);
+  Settings("[" + section + "]\nk=1\n");
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ("[" + section + "]\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, SectionNameOf30CharactersLosesItsClosingBracket) {
+  const std::string section = SectionOf(30);
+  const std::string full = "[" + section + "]\nk=1\n";
+  Settings(full);
+  EXPECT_EQ("", Get(section.c_str(), "k"));
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ(full, Settings());
+  Settings("[" + section + "\nk=1\n");
+  EXPECT_EQ("1", Get(section.c_str(), "k"));
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ("[" + section + "\nk=2\n", Settings());
+}
+
+TEST_F(KeyStoreTest, SectionNameOf31CharactersIsComparedAsItsFirst30) {
+  const std::string section = SectionOf(31);
+  const std::string full = "[" + section + "]\nk=1\n";
+  Settings(full);
+  EXPECT_EQ("", Get(section.c_str(), "k"));
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ(full, Settings());
+  const std::string cut = "[" + section.substr(0, 30) + "\n";
+  Settings(cut + "k=1\n");
+  EXPECT_EQ("1", Get(section.c_str(), "k"));
+  EXPECT_EQ(0, PutKeyString(section.c_str(), "k", "2"));
+  EXPECT_EQ(cut + "k=2\n", Settings());
+}
+
+// ---- fixed sizes: the 32-byte value and number buffers ----
+
+TEST_F(KeyStoreTest, ValueOf30CharactersIsReturnedWhole) {
+  const std::string value = SectionOf(30);
+  Settings("[s]\nk=" + value + "\n");
+  EXPECT_EQ(value, Get("s", "k"));
+}
+
+TEST_F(KeyStoreTest, ValueCutTo31CharactersIsWhatGetKeyIntReads) {
+  Settings("[s]\nk=" + std::string(29, '0') + "123\n");
+  EXPECT_EQ(std::string(29, '0') + "12", Get("s", "k"));
+  EXPECT_EQ(12, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreTest, PutKeyIntExtremesReadBackWithGetKeyInt) {
+  Settings("[s]\nmin=0\nmax=0\n");
+  EXPECT_EQ(0, PutKeyInt("s", "min", INT_MIN));
+  EXPECT_EQ(0, PutKeyInt("s", "max", INT_MAX));
+  EXPECT_EQ(INT_MIN, GetKeyInt("s", "min"));
+  EXPECT_EQ(INT_MAX, GetKeyInt("s", "max"));
+  EXPECT_EQ(0, PutKeyInt("s", "min", INT_MIN + 1));
+  EXPECT_EQ(0, PutKeyInt("s", "max", INT_MAX - 1));
+  EXPECT_EQ("[s]\nmin=-2147483647\nmax=2147483646\n", Settings());
+}
+
+// ---- the shortest lines that count ----
+
+TEST_F(KeyStoreTest, TwoByteLineCanOpenTheSection) {
+  // "[" and its newline: the one character compared equals the header's first.
+  Settings("[\nk=1\n");
+  EXPECT_EQ("1", Get("net", "k"));
+}
+
+TEST_F(KeyStoreTest, TwoByteLineWithEmptyNameMatchesWithAnEmptyValue) {
+  Settings("[s]\n=\nk=1\n");
+  EXPECT_EQ("", Get("s", "k"));
+  EXPECT_EQ(0, GetKeyInt("s", "k"));
+}
+
+// ---- lines that start with a NUL byte ----
+
+TEST_F(KeyStoreTest, LineStartingWithNulIsNeitherHeaderNorKey) {
+  const std::string text = std::string("\0[s]\nk=1\n", 9) + "[t]\nk=2\n";
+  Settings(text);
+  EXPECT_EQ("", Get("s", "k"));
+  EXPECT_EQ("2", Get("t", "k"));
+  EXPECT_EQ(0, PutKeyString("s", "k", "3"));
+  EXPECT_EQ(text, Settings());
+}
+
 // ---- application paths ----
 
 constexpr char kClientName[] = "orvane";
