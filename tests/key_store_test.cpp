@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "support/child_run.h"
+#include "support/libc_stand_ins.h"
 #include "utils/process_info.h"
 
 namespace {
@@ -97,6 +98,14 @@ std::string LoginName() {
   if (const char* login = getlogin()) return login;
   const passwd* pw = getpwuid(getuid());
   return pw != nullptr ? pw->pw_name : "";
+}
+
+std::string ConfigFilePath() {
+  char* path = GetConfigFilePath();
+  if (path == nullptr) return "<null>";
+  std::string text = path;
+  std::free(path);
+  return text;
 }
 
 // The real settings file of this login, saved before and restored after each
@@ -742,6 +751,229 @@ TEST_F(KeyStoreTest, LineStartingWithNulIsNeitherHeaderNorKey) {
   EXPECT_EQ("2", Get("t", "k"));
   EXPECT_EQ(0, PutKeyString("s", "k", "3"));
   EXPECT_EQ(text, Settings());
+}
+
+// ---- faults of the settings file ----
+
+TEST_F(KeyStoreTest, SettingsFileThatIsAFolderReadsAsEmptyWithoutAnError) {
+  ASSERT_EQ(0, mkdir(path_.c_str(), 0755));
+  testing::internal::CaptureStderr();
+  const std::string value = Get("s", "k");
+  const int number = GetKeyInt("s", "k");
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());  // opening it worked
+  EXPECT_EQ("", value);
+  EXPECT_EQ(0, number);
+}
+
+TEST_F(KeyStoreTest, PutKeyStringOnAFolderLeavesAnEmptyTemporaryFile) {
+  ASSERT_EQ(0, mkdir(path_.c_str(), 0755));
+  EXPECT_EQ(-1, PutKeyString("s", "k", "2"));
+  EXPECT_TRUE(fs::is_directory(path_));
+  EXPECT_TRUE(fs::is_regular_file(path_ + ".tmp"));
+  EXPECT_EQ("", ReadFile(path_ + ".tmp"));
+}
+
+TEST_F(KeyStoreTest, RootReadsAndRewritesASettingsFileOfMode000) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root reads a file of mode 000";
+  Settings("[s]\nk=1\n");
+  ASSERT_EQ(0, chmod(path_.c_str(), 0));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ("1", Get("s", "k"));
+  EXPECT_EQ(1, GetKeyInt("s", "k"));
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
+  EXPECT_EQ(0, PutKeyString("s", "k", "2"));
+  EXPECT_EQ("[s]\nk=2\n", Settings());
+  // The rewritten file is the temporary one: it has that file's mode.
+  const mode_t mask = umask(0);
+  umask(mask);
+  struct stat info {};
+  ASSERT_EQ(0, stat(path_.c_str(), &info));
+  EXPECT_EQ(0666 & ~mask, info.st_mode & 0777);
+}
+
+TEST_F(KeyStoreTest, OrdinaryUserCannotReadOrRewriteASettingsFileOfMode000) {
+  // As root the lookups run in a child as "nobody", on root's settings file.
+  const std::string login = LoginName();
+  Settings("[s]\nk=1\n");
+  ASSERT_EQ(0, chmod(path_.c_str(), 0));
+  const ChildResult child = zeltest::RunAsOrdinaryUser([&login] {
+    zeltest::LoginAs(login);
+    testing::internal::CaptureStderr();
+    char* value = GetKeyString("s", "k");
+    const std::string printed = testing::internal::GetCapturedStderr();
+    const std::string text = value != nullptr ? value : "<null>";
+    std::free(value);
+    return "value=" + text + "|printed=" + printed + "|int=" +
+           std::to_string(GetKeyInt("s", "k")) + "|put=" +
+           std::to_string(PutKeyString("s", "k", "2"));
+  });
+  EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+  EXPECT_EQ("value=|printed=fopen: Permission denied\n|int=0|put=-2", child.output);
+  ASSERT_EQ(0, chmod(path_.c_str(), 0600));
+  EXPECT_EQ("[s]\nk=1\n", Settings());
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
+}
+
+TEST_F(KeyStoreTest, PutKeyIntWithoutTemporaryFileReturnsMinusOne) {
+  Settings("[s]\nk=1\n");
+  ASSERT_EQ(0, mkdir((path_ + ".tmp").c_str(), 0755));
+  EXPECT_EQ(-1, PutKeyInt("s", "k", 2));
+  EXPECT_EQ("[s]\nk=1\n", Settings());
+  EXPECT_TRUE(fs::is_directory(path_ + ".tmp"));
+}
+
+// ---- the login that names the settings file ----
+
+// Restores the C library's answer to getlogin() after a test chose one.
+class KeyStoreLoginTest : public ::testing::Test {
+ protected:
+  void TearDown() override { zeltest::SystemLogin(); }
+};
+
+TEST_F(KeyStoreLoginTest, LoginNameComesFromGetlogin) {
+  zeltest::LoginAs("someone");
+  EXPECT_EQ("/Users/someone/client_config.ini", ConfigFilePath());
+}
+
+TEST_F(KeyStoreLoginTest, WithoutGetloginTheAccountOfTheRealUserIsUsed) {
+  zeltest::NoLogin();
+  const passwd* pw = getpwuid(getuid());
+  ASSERT_NE(nullptr, pw);
+  EXPECT_EQ("/Users/" + std::string(pw->pw_name) + "/client_config.ini", ConfigFilePath());
+}
+
+TEST_F(KeyStoreLoginTest, WithoutGetloginOrAccountTheLoginIsEmpty) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root to run as a user id without an account";
+  const uid_t unknown = 54321;
+  ASSERT_EQ(nullptr, getpwuid(unknown));
+  const ChildResult child = zeltest::RunInChild([unknown] {
+    zeltest::NoLogin();
+    if (!zeltest::BecomeUser(unknown, unknown)) zeltest::EndChild(2);
+    return ConfigFilePath();
+  });
+  EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+  EXPECT_EQ("/Users//client_config.ini", child.output);
+}
+
+// A login of `length` characters whose path has folders of 99 characters,
+// so that "/Users/<login>/client_config.ini" can exist as a file.
+std::string LongLogin(size_t length) {
+  std::string login(length, 'l');
+  login.replace(0, 8, "zel_test");
+  for (size_t i = 99; i < length; i += 100) login[i] = '/';
+  return login;
+}
+
+TEST_F(KeyStoreLoginTest, SettingsPathOf1022CharactersIsKeptWhole) {
+  zeltest::LoginAs(LongLogin(1022 - 25));
+  const std::string path = ConfigFilePath();
+  EXPECT_EQ(1022u, path.size());
+  EXPECT_EQ("/Users/" + LongLogin(997) + "/client_config.ini", path);
+}
+
+TEST_F(KeyStoreLoginTest, SettingsPathOf1023CharactersIsKeptWhole) {
+  zeltest::LoginAs(LongLogin(1023 - 25));
+  const std::string path = ConfigFilePath();
+  EXPECT_EQ(1023u, path.size());
+  EXPECT_EQ("/Users/" + LongLogin(998) + "/client_config.ini", path);
+}
+
+TEST_F(KeyStoreLoginTest, SettingsPathOf1024CharactersIsCutTo1023) {
+  zeltest::LoginAs(LongLogin(1024 - 25));
+  EXPECT_EQ("/Users/" + LongLogin(999) + "/client_config.in", ConfigFilePath());
+}
+
+// The key store at a settings path that was cut to 1023 characters.
+class KeyStoreCutPathTest : public KeyStoreTest {
+ protected:
+  void SetUp() override {
+    zeltest::LoginAs(LongLogin(1024 - 25));
+    KeyStoreTest::SetUp();
+  }
+  void TearDown() override {
+    KeyStoreTest::TearDown();
+    zeltest::SystemLogin();
+  }
+};
+
+TEST_F(KeyStoreCutPathTest, CutSettingsPathIsTheFileReadAndWritten) {
+  ASSERT_EQ(1023u, path_.size());
+  ASSERT_EQ("client_config.in", fs::path(path_).filename().string());
+  Settings("[s]\nk=1\n");
+  EXPECT_EQ("1", Get("s", "k"));
+  EXPECT_EQ(0, PutKeyString("s", "k", "2"));
+  EXPECT_EQ("[s]\nk=2\n", Settings());
+  EXPECT_FALSE(fs::exists(path_ + "i"));
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
+}
+
+// ---- allocation failures ----
+
+#define REQUIRE_ALLOCATION_FAULTS()                                    \
+  if (!ZEL_TEST_CAN_FAIL_ALLOCATIONS)                                  \
+  GTEST_SKIP() << "allocation failures are injected only in builds " \
+                  "without a sanitizer"
+
+// Arms one failure of a path block (malloc of 1024 bytes) or of a result
+// block (calloc of 32 bytes); disarmed again at the end of the test.
+class KeyStoreAllocationTest : public KeyStoreTest {
+ protected:
+  void TearDown() override {
+    zeltest::gFailNextMallocOf = 0;
+    zeltest::gFailNextCallocOf = 0;
+    KeyStoreTest::TearDown();
+  }
+  static void FailPathBlock() { zeltest::gFailNextMallocOf = 1024; }
+  static void FailResultBlock() { zeltest::gFailNextCallocOf = 32; }
+};
+
+TEST_F(KeyStoreAllocationTest, GetConfigFilePathIsNullWhenItsBlockCannotBeAllocated) {
+  REQUIRE_ALLOCATION_FAULTS();
+  FailPathBlock();
+  EXPECT_EQ(nullptr, GetConfigFilePath());
+  EXPECT_EQ(path_, ConfigFilePath());  // one failure only
+}
+
+TEST_F(KeyStoreAllocationTest, GetKeyStringIsNullWhenThePathCannotBeAllocated) {
+  REQUIRE_ALLOCATION_FAULTS();
+  Settings("[s]\nk=5\n");
+  FailPathBlock();
+  EXPECT_EQ(nullptr, GetKeyString("s", "k"));
+  EXPECT_EQ("5", Get("s", "k"));
+}
+
+TEST_F(KeyStoreAllocationTest, GetKeyStringIsNullWhenTheResultCannotBeAllocated) {
+  REQUIRE_ALLOCATION_FAULTS();
+  Settings("[s]\nk=5\n");
+  zeltest::LoginAs(LoginName());  // no account lookup between the two allocations
+  FailResultBlock();
+  EXPECT_EQ(nullptr, GetKeyString("s", "k"));
+  zeltest::SystemLogin();
+  EXPECT_EQ("5", Get("s", "k"));
+}
+
+TEST_F(KeyStoreAllocationTest, GetKeyIntIsZeroWhenNoValueCanBeAllocated) {
+  REQUIRE_ALLOCATION_FAULTS();
+  Settings("[s]\nk=5\n");
+  zeltest::LoginAs(LoginName());
+  FailResultBlock();
+  EXPECT_EQ(0, GetKeyInt("s", "k"));
+  FailPathBlock();
+  EXPECT_EQ(0, GetKeyInt("s", "k"));
+  zeltest::SystemLogin();
+  EXPECT_EQ(5, GetKeyInt("s", "k"));
+}
+
+TEST_F(KeyStoreAllocationTest, PutKeyStringReturnsZeroAndChangesNothingWithoutAPath) {
+  REQUIRE_ALLOCATION_FAULTS();
+  Settings("[s]\nk=5\n");
+  FailPathBlock();
+  EXPECT_EQ(0, PutKeyString("s", "k", "6"));
+  EXPECT_EQ("[s]\nk=5\n", Settings());
+  FailPathBlock();
+  EXPECT_EQ(0, PutKeyInt("s", "k", 7));
+  EXPECT_EQ("[s]\nk=5\n", Settings());
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
 }
 
 // ---- application paths ----
