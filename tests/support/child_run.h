@@ -27,11 +27,17 @@ struct ChildResult {
 // writes the child's counters; a child that gave up root (see BecomeUser)
 // takes it back first, since the counter files belong to root.
 [[noreturn]] inline void EndChild(int code) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // No counters to keep there, and the sanitizers' exit-time reports would
+  // judge the parent's objects too.
+  _exit(code);
+#else
   uid_t real = 0, effective = 0, saved = 0;
   if (getresuid(&real, &effective, &saved) == 0 && saved == 0 && effective != 0) {
     if (seteuid(0) != 0) _exit(code);
   }
   std::exit(code);
+#endif
 }
 
 // Makes the calling (child) process run as uid/gid: the real and effective
