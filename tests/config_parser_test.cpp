@@ -1,6 +1,8 @@
 #include "utils/config_parser.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child_run.h"
 #include "support/diag_capture.h"
 
 namespace {
@@ -136,11 +139,6 @@ TEST_F(ConfigParserTest, InitOfBinaryJunkFails) {
   EXPECT_EQ(-1, parser.Init(Write("junk.bin", junk), ""));
 }
 
-TEST_F(ConfigParserTest, InitOfFolderFails) {
-  zel::ConfigParser parser;
-  EXPECT_EQ(-1, parser.Init(dir_.string(), ""));
-}
-
 TEST_F(ConfigParserTest, LookupsAfterFailedInitGiveFailureValues) {
   zel::ConfigParser parser;
   ASSERT_EQ(-1, parser.Init((dir_ / "missing.ini").string(), ""));
@@ -157,6 +155,17 @@ TEST_F(ConfigParserTest, LookupsAfterFailedInitGiveFailureValues) {
   // Destroyed here: the key file freed by the failed Init is not freed again.
 }
 
+TEST_F(ConfigParserTest, ListLookupsAfterFailedInitAreEmptySilently) {
+  zel::ConfigParser parser;
+  ASSERT_EQ(-1, parser.Init((dir_ / "missing.ini").string(), ""));
+  DiagCapture capture;
+  EXPECT_TRUE(parser.GetBooleanVals("lists", "flags").empty());
+  EXPECT_TRUE(parser.GetStringVals("lists", "names").empty());
+  EXPECT_TRUE(parser.GetIntegerVals("lists", "numbers").empty());
+  EXPECT_TRUE(parser.GetDoubleVals("lists", "ratios").empty());
+  EXPECT_TRUE(DiagCapture::Lines().empty());
+}
+
 TEST_F(ConfigParserTest, DefaultConstructedParserGivesFailureValues) {
   zel::ConfigParser parser;
   int number = 5;
@@ -165,6 +174,72 @@ TEST_F(ConfigParserTest, DefaultConstructedParserGivesFailureValues) {
   EXPECT_EQ(-1, parser.GetIntegerVal("general", "count", &number));
   EXPECT_EQ(5, number);
   EXPECT_TRUE(parser.GetStringVals("lists", "names").empty());
+}
+
+TEST_F(ConfigParserTest, DefaultConstructedParserGivesEmptyListsSilently) {
+  DiagCapture capture;
+  zel::ConfigParser parser;
+  double ratio = 5.0;
+  EXPECT_EQ(-1, parser.GetDoubleVal("general", "ratio", &ratio));
+  EXPECT_EQ(5.0, ratio);
+  EXPECT_TRUE(parser.GetBooleanVals("lists", "flags").empty());
+  EXPECT_TRUE(parser.GetIntegerVals("lists", "numbers").empty());
+  EXPECT_TRUE(parser.GetDoubleVals("lists", "ratios").empty());
+  EXPECT_EQ(-1, parser.SetValuesByString("general", "name", "x"));
+  EXPECT_TRUE(DiagCapture::Lines().empty());
+}
+
+TEST_F(ConfigParserTest, InitOfEmptyFileSucceedsAndEveryLookupMisses) {
+  zel::ConfigParser parser;
+  DiagCapture capture;
+  ASSERT_EQ(0, parser.Init(Write("empty.ini", ""), ""));
+  EXPECT_TRUE(DiagCapture::Lines().empty());
+  int number = 5;
+  double ratio = 5.0;
+  EXPECT_FALSE(parser.GetBooleanVal("general", "enabled"));
+  EXPECT_EQ("", parser.GetStringVal("general", "name"));
+  EXPECT_EQ(0, parser.GetIntegerVal("general", "count", &number));
+  EXPECT_EQ(0, number);
+  EXPECT_TRUE(DiagCapture::Lines().empty());
+  EXPECT_EQ(0, parser.GetDoubleVal("general", "ratio", &ratio));
+  EXPECT_EQ(0.0, ratio);
+  EXPECT_EQ(1u, DiagCapture::Count("GetDoubleVal(105)"));
+  EXPECT_TRUE(parser.GetStringVals("lists", "names").empty());
+  EXPECT_EQ(1u, DiagCapture::Count("GetStringVals(151)"));
+}
+
+TEST_F(ConfigParserTest, InitOfFolderFailsWithLine29) {
+  DiagCapture capture;
+  zel::ConfigParser parser;
+  EXPECT_EQ(-1, parser.Init(dir_.string(), ""));
+  const auto lines = DiagCapture::Lines();
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_EQ(ErrorText("Init", 29, "file[" + dir_.string() + "] err"), lines[0].text);
+}
+
+TEST_F(ConfigParserTest, RootLoadsAFileOfMode000) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root reads a file of mode 000";
+  const std::string locked = Write("locked.ini", "[general]\nname=x\n");
+  ASSERT_EQ(0, chmod(locked.c_str(), 0));
+  zel::ConfigParser parser;
+  ASSERT_EQ(0, parser.Init(locked, ""));
+  EXPECT_EQ("x", parser.GetStringVal("general", "name"));
+}
+
+TEST_F(ConfigParserTest, OrdinaryUserCannotLoadAFileOfMode000AndGetsLine29) {
+  // As root the parser runs in a child as "nobody".
+  const std::string locked = Write("locked.ini", "[general]\nname=x\n");
+  ASSERT_EQ(0, chmod(locked.c_str(), 0));
+  ASSERT_EQ(0, chmod(dir_.c_str(), 0755));
+  const zeltest::ChildResult child = zeltest::RunAsOrdinaryUser([&locked] {
+    DiagCapture capture;
+    zel::ConfigParser parser;
+    const int result = parser.Init(locked, "");
+    return std::to_string(result) + "|" + parser.GetStringVal("general", "name") + "|" +
+           std::to_string(DiagCapture::Count(ErrorText("Init", 29, "file[" + locked + "] err")));
+  });
+  EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+  EXPECT_EQ("-1||1", child.output);
 }
 
 TEST_F(ConfigParserTest, SecondInitReplacesTheKeyFile) {

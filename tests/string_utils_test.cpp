@@ -226,4 +226,18 @@ TEST(StringUtilsHtoi, LettersBeyondFCountOn) {
   EXPECT_EQ(35, zel_htoi("Z"));
 }
 
+TEST(StringUtilsHtoi, FirstAndLastDigitsAndLettersCount) {
+  EXPECT_EQ(9, zel_htoi("09"));
+  EXPECT_EQ(10 * 16 + 35, zel_htoi("az"));
+  EXPECT_EQ(10 * 16 + 35, zel_htoi("AZ"));
+}
+
+TEST(StringUtilsHtoi, CharactersNextToDigitsAndLettersEndTheNumber) {
+  // The neighbours of '0'-'9', 'A'-'Z' and 'a'-'z' in ASCII, and a byte above it.
+  for (const char* end : {"/", ":", "@", "[", "`", "{", "\x80"}) {
+    EXPECT_EQ(1, zel_htoi((std::string("1") + end + "1").c_str())) << end;
+    EXPECT_EQ(0, zel_htoi((std::string(end) + "1").c_str())) << end;
+  }
+}
+
 }  // namespace

@@ -4,6 +4,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -11,6 +15,38 @@
 #include "support/trace_backends.h"
 #include "utils/zel_client_tracker.h"
 #include "utils/zel_env.h"
+
+// While set, the tracer's constructor stops at its "zeltraceid:" line (its
+// printf, replaced here for the whole test program) until it is cleared,
+// so that other callers can line up on the creation lock meanwhile.
+std::atomic<bool> gHoldTracerConstructor{false};
+std::atomic<bool> gTracerConstructorHeld{false};
+
+static void HoldAtTracerConstructorLine(const char* format) {
+  if (gHoldTracerConstructor.load() && std::strncmp(format, "zeltraceid:", 11) == 0) {
+    gTracerConstructorHeld = true;
+    while (gHoldTracerConstructor.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+extern "C" int printf(const char* format, ...) {
+  HoldAtTracerConstructorLine(format);
+  va_list args;
+  va_start(args, format);
+  const int written = std::vprintf(format, args);
+  va_end(args);
+  return written;
+}
+
+// What printf becomes in a library built with _FORTIFY_SOURCE.
+extern "C" int __printf_chk(int /*flag*/, const char* format, ...) {
+  HoldAtTracerConstructorLine(format);
+  va_list args;
+  va_start(args, format);
+  const int written = std::vprintf(format, args);
+  va_end(args);
+  return written;
+}
 
 namespace {
 
@@ -62,6 +98,32 @@ TEST(ZelTracer, GetInstanceFromManyThreadsAtOnceBuildsOneTracer) {
   ASSERT_NE(nullptr, seen[0]);
   for (zel::ZelTracer* tracer : seen) EXPECT_EQ(seen[0], tracer);
   EXPECT_EQ(seen[0], zel::ZelTracer::GetInstance());
+  EXPECT_EQ(1u, CountOf(out, "zeltraceid:"));
+}
+
+TEST(ZelTracer, GetInstanceCallersQueuedBehindTheCreationGetTheSameTracer) {
+  testing::internal::CaptureStdout();
+  gHoldTracerConstructor = true;
+  zel::ZelTracer* first = nullptr;
+  std::thread creator([&first] { first = zel::ZelTracer::GetInstance(); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!gTracerConstructorHeld.load() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const bool held = gTracerConstructorHeld.load();
+  // These find no tracer yet and wait for the lock that the creator holds.
+  std::vector<zel::ZelTracer*> queued(3, nullptr);
+  std::vector<std::thread> waiters;
+  for (auto& seen : queued) waiters.emplace_back([&seen] { seen = zel::ZelTracer::GetInstance(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  gHoldTracerConstructor = false;
+  creator.join();
+  for (auto& waiter : waiters) waiter.join();
+  const std::string out = testing::internal::GetCapturedStdout();
+
+  EXPECT_TRUE(held) << "the constructor's line was not seen";
+  ASSERT_NE(nullptr, first);
+  for (zel::ZelTracer* tracer : queued) EXPECT_EQ(first, tracer);
   EXPECT_EQ(1u, CountOf(out, "zeltraceid:"));
 }
 
