@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child_run.h"
 #include "support/log_files.h"
 #include "utils/process_info.h"
 #include "utils/zel_log.h"
@@ -490,8 +491,8 @@ TEST(LoggerFaults, BaseWithoutPermissionDropsLinesWithFpIsNull) {
   ASSERT_EQ(0, mkdir(locked.c_str(), 0555));
   ASSERT_EQ(0, mkdir(out.c_str(), 0777));
   ASSERT_EQ(0, chmod(out.c_str(), 0777));
-  const int status = zeltest::RunAsOrdinaryUser([&] {
-    if (freopen((out + "stdout.txt").c_str(), "w", stdout) == nullptr) return 10;
+  const zeltest::ChildResult child = zeltest::RunAsOrdinaryUser([&]() -> std::string {
+    if (freopen((out + "stdout.txt").c_str(), "w", stdout) == nullptr) return "no stdout";
     const std::string base = locked + "logs/";
     zel_set_log_path(base.c_str());
     zel::Logger* logger = zel::Logger::GetInstance();
@@ -502,13 +503,14 @@ TEST(LoggerFaults, BaseWithoutPermissionDropsLinesWithFpIsNull) {
       return zeltest::StdoutCapture::Count(ReadFile(out + "stdout.txt"),
                                            "operator() 333: fp is null \n") == 2;
     });
-    if (!dropped) return 11;
+    if (!dropped) return "lines not dropped";
     if (ReadFile(out + "stdout.txt").find("mkdir error,[" + locked + "logs]\n") == std::string::npos) {
-      return 12;
+      return "no mkdir error";
     }
-    return std::filesystem::exists(base) ? 13 : 0;
+    return std::filesystem::exists(base) ? "base created" : "";
   });
-  EXPECT_EQ(0, status) << ReadFile(out + "stdout.txt");
+  EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+  EXPECT_EQ("", child.output) << ReadFile(out + "stdout.txt");
 }
 
 TEST(LoggerBuildLogPath, WithUserBuildsLibraryZelPathAndReportsMkdirFailure) {

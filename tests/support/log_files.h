@@ -253,21 +253,6 @@ inline bool MountPrivateTmpfs(const std::string& dir, size_t bytes) {
   return mount("zeltest", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
 }
 
-// Runs `body` in a child process as the ordinary user 65534 (when this one
-// is root; otherwise as this user) and returns its exit status, or -1. The
-// child has a Logger of its own.
-inline int RunAsOrdinaryUser(const std::function<int()>& body) {
-  fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
-    _exit(body());
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // Every line of every file below `base`, in the order written: directories in
 // name order, and in each the rotated files by number, then the current one.
 inline std::vector<std::string> LinesBelow(const std::string& base) {
