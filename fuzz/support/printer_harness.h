@@ -141,7 +141,7 @@ inline long long MaxFileSize() {
 }
 
 inline void SetUpPrinterTarget() {
-  EnterPrivateRoot();
+  EnterPrivateRoot({"outside", "app-data"});
   // Not world-writable and sticky: the kernel's extra rules for such folders
   // (protected_regular, protected_fifos, protected_symlinks) would refuse
   // some opens by themselves and hide what the library does.
@@ -149,7 +149,6 @@ inline void SetUpPrinterTarget() {
   signal(SIGXFSZ, SIG_IGN);
   umask(022);
   setenv("XDG_DATA_HOME", kAppHome, 1);
-  Require(mkdir("/outside", 0755) == 0, "cannot make /outside");
   // The local name's folder: only ever a private one.
   Require(GetAppDataPath() == kAppFolder, "GetAppDataPath is not the private folder");
   Require(system("mkdir -p /app-data/orvane/log") == 0, "cannot make the application folder");

@@ -3,9 +3,12 @@
 //
 // EnterPrivateRoot() moves the process into its own user and mount
 // namespaces and swaps its root for an empty tmpfs on which every top-level
-// folder of the real root is bind-mounted again, except /tmp and /Users: those
-// are fresh, empty folders of the tmpfs. Nothing the target writes there
-// reaches the real file system, and it all vanishes with the process.
+// folder of the real root is bind-mounted again, except /tmp, /Users and the
+// caller's `fresh` names: those are new, empty folders of the tmpfs (so all
+// on one file system, hard links between them included). Nothing the target
+// writes there reaches the real file system, and it all vanishes with the
+// process. A process already inside (a libFuzzer -fork job) gets a root of
+// its own in the same way.
 //
 // Inside, the process's user id is not 0 (root outside is mapped to
 // kInsideUid), so the library takes its ordinary-user branches, which depend
@@ -25,6 +28,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -65,7 +69,7 @@ inline bool& OtherUserAvailable() {
   return available;
 }
 
-inline void EnterPrivateRoot() {
+inline void EnterPrivateRoot(const std::vector<std::string>& fresh = {}) {
   const uid_t uid = getuid();
   const gid_t gid = getgid();
   char cwd[PATH_MAX];
@@ -124,6 +128,7 @@ inline void EnterPrivateRoot() {
   closedir(dir);
   for (const std::string& name : names) {
     if (name == "." || name == ".." || name == "tmp" || name == "Users") continue;
+    if (std::find(fresh.begin(), fresh.end(), name) != fresh.end()) continue;
     const std::string from = "/" + name;
     const std::string to = std::string(root) + "/" + name;
     struct stat st;
@@ -147,6 +152,9 @@ inline void EnterPrivateRoot() {
   const std::string old_root = std::string(root) + "/.old-root";
   if (mkdir(tmp.c_str(), 01777) != 0 || chmod(tmp.c_str(), 01777) != 0) Refuse("mkdir /tmp");
   if (mkdir(users.c_str(), 0755) != 0) Refuse("mkdir /Users");
+  for (const std::string& name : fresh) {
+    if (mkdir((std::string(root) + "/" + name).c_str(), 0755) != 0) Refuse(name.c_str());
+  }
   if (mkdir(old_root.c_str(), 0700) != 0) Refuse("mkdir old root");
   if (syscall(SYS_pivot_root, root, old_root.c_str()) != 0) Refuse("pivot_root");
   if (chdir("/") != 0) Refuse("chdir /");
