@@ -62,8 +62,11 @@ run_target() {
   local work=$build/fuzz-runs/$target
   rm -rf "$work"
   mkdir -p "$work/corpus"
-  find "$source_dir/fuzz/corpus/$target" "$source_dir/fuzz/regressions/$target" \
-       -maxdepth 1 -type f ! -name '.*' -exec cp {} "$work/corpus/" \;
+  local folder
+  for folder in "$source_dir/fuzz/corpus/$target" "$source_dir/fuzz/regressions/$target"; do
+    [ -d "$folder" ] || continue
+    find "$folder" -maxdepth 1 -type f ! -name '.*' -exec cp {} "$work/corpus/" \;
+  done
   local options=(-max_total_time="$seconds" -timeout=25 -rss_limit_mb=2048
                  -print_final_stats=1 -artifact_prefix="$work/")
   case $target in
