@@ -246,8 +246,23 @@ inline bool WaitForLastLine(const std::string& base, const std::string& tail) {
 // mounted on the existing directory `dir`. Unprivileged users get a user
 // namespace too, where the kernel allows one. False if refused.
 inline bool MountPrivateTmpfs(const std::string& dir, size_t bytes) {
-  const int flags = geteuid() == 0 ? CLONE_NEWNS : (CLONE_NEWUSER | CLONE_NEWNS);
-  if (unshare(flags) != 0) return false;
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+  if (unshare(uid == 0 ? CLONE_NEWNS : (CLONE_NEWUSER | CLONE_NEWNS)) != 0) return false;
+  if (uid != 0) {
+    // The same ids inside, so that the new tmpfs is ours to write.
+    auto write_text = [](const char* path, const std::string& text) {
+      std::ofstream out(path);
+      out << text;
+      out.close();
+      return !out.fail();
+    };
+    if (!write_text("/proc/self/setgroups", "deny") ||
+        !write_text("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
+        !write_text("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n")) {
+      return false;
+    }
+  }
   if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
   const std::string options = "size=" + std::to_string(bytes);
   return mount("zeltest", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
