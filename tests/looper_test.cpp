@@ -1,8 +1,10 @@
 #include "utils/looper.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -10,12 +12,17 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "support/diag_capture.h"
 #include "support/spin_barrier.h"
 #include "utils/timer.h"
+
+// Interposed for this program (definition at the end): while set, every
+// thread creation fails as if the system had no threads left.
+std::atomic<bool> gFailThreadCreation{false};
 
 namespace {
 
@@ -754,6 +761,94 @@ TEST(Looper, StartFromTheLoopThreadWhileAnotherThreadStopsItIsRefused) {
   EXPECT_EQ(0, looper.Stop());
 }
 
+TEST(Looper, DelayedPostFromTheLoopThreadIsAcceptedAndRunsWhenDue) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  std::atomic<long long> postedAt{0}, ranAt{0};
+  std::atomic<int> result{99};
+  RunOnLoop(looper, [&] {
+    postedAt = WallMs();
+    result = looper.PostDelayMessage(std::make_unique<FnMessage>([&] {
+      ranAt = WallMs();
+      ran.Open();
+    }), 200);
+  });
+  ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  EXPECT_EQ(0, result.load());
+  EXPECT_GE(ranAt - postedAt, 200);
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, DueTimeFarBeforeTheEpochIsDueAtOnce) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  // A negative `when`: due whatever the clock says.
+  ASSERT_EQ(0, looper.PostDelayMessage(std::make_unique<FnMessage>([&] { ran.Open(); }),
+                                       -(1LL << 62)));
+  EXPECT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, OfTwoStartsWaitingForAStopOneStartsAndTheOtherIsRefused) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate running, release;
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    running.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(running.WaitFor(std::chrono::seconds(10)));
+  std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
+  ASSERT_TRUE(WaitUntilPostsAreRefused(looper));  // the stopper is joining
+  std::atomic<int> results[2] = {{99}, {99}};
+  std::thread first([&] { results[0] = looper.Start(); });
+  std::thread second([&] { results[1] = looper.Start(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // both wait for the join
+  EXPECT_EQ(99, results[0].load());
+  EXPECT_EQ(99, results[1].load());
+  release.Open();
+  stopper.join();
+  first.join();
+  second.join();
+  EXPECT_EQ(-1, results[0] + results[1]);  // one 0, one -1
+  RunOnLoop(looper, [] {});
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, StopFromTheLoopThreadWhileAnotherThreadJoinsItReturnsZero) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate running, stopping;
+  std::atomic<int> selfStop{99};
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    running.Open();
+    stopping.WaitFor(std::chrono::seconds(30));
+    selfStop = looper.Stop();  // the other Stop is joining: nothing to detach
+  })));
+  ASSERT_TRUE(running.WaitFor(std::chrono::seconds(10)));
+  std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
+  ASSERT_TRUE(WaitUntilPostsAreRefused(looper));
+  stopping.Open();
+  stopper.join();  // returns: the thread was joined, not detached under it
+  EXPECT_EQ(0, selfStop.load());
+  EXPECT_EQ(0, looper.Start());
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, StartThatCannotCreateItsThreadThrowsAndStartsAgainOnlyAfterAStop) {
+  zel::Looper looper;
+  gFailThreadCreation = true;
+  EXPECT_THROW(looper.Start(), std::system_error);
+  gFailThreadCreation = false;
+  EXPECT_EQ(-1, looper.Start());  // counts as running until stopped
+  EXPECT_EQ(0, looper.Stop());    // no thread to join
+  EXPECT_EQ(0, looper.Start());
+  RunOnLoop(looper, [] {});
+  EXPECT_EQ(0, looper.Stop());
+}
+
 TEST(Looper, StartOnALooperBeingDestroyedIsRefused) {
   auto* looper = new zel::Looper();
   ASSERT_EQ(0, looper->Start());
@@ -899,3 +994,13 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
 }
 
 }  // namespace
+
+// std::thread's constructor comes here first (an executable's definition
+// comes first in symbol lookup); the real one is the C library's.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                              void* arg) {
+  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+  static const auto real = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (gFailThreadCreation) return EAGAIN;
+  return real(thread, attr, start, arg);
+}

@@ -17,7 +17,7 @@ int LoopThread::Start(std::function<void()> body) {
     // a successor and still be joined.
     if (joining) return -1;
   } else {
-    settled.wait(lock, [this] { return !joining && threads_in_body == 0; });
+    settled.wait(lock, [this] { return !stopped || (!joining && threads_in_body == 0); });
     if (!stopped) return -1;  // another Start won while we waited
   }
   stopped = false;
@@ -31,6 +31,7 @@ int LoopThread::Start(std::function<void()> body) {
   }
   text = ThreadIdString(thread->native_handle());
   current = thread->get_id();
+  settled.notify_all();  // other Starts waiting here give up
   return 0;
 }
 
