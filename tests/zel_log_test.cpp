@@ -43,12 +43,15 @@ class ZelLog : public ::testing::Test {
   bool WaitForText(const std::string& needle) {
     return zeltest::WaitFor([&] { return AllText().find(needle) != std::string::npos; });
   }
-  // Logs a marker at level 0 and waits for it: everything queued before is on disk.
+  // Logs a marker at level 0 and waits for it: everything queued before is on
+  // disk. Each call's marker is its own ("drain-marker" and a number).
   std::string Drain() {
-    log_print(0, 0, "drain-marker");
-    EXPECT_TRUE(WaitForText("drain-marker\n"));
+    const std::string marker = "drain-marker " + std::to_string(drains++) + "\n";
+    log_print(0, 0, "%s", marker.c_str());
+    EXPECT_TRUE(WaitForText(marker));
     return AllText();
   }
+  int drains = 0;
 
   zeltest::TempDir base;
   std::string dayDir;
@@ -163,6 +166,53 @@ TEST_F(ZelLog, FormatLongerThanTheBufferIsCutToFit) {
   EXPECT_EQ(std::string(4093 - (line.find("] ") + 2), 'f') + "\n", line.substr(line.find("] ") + 2));
 }
 
+// The prefix's length on this thread today (its digits vary only with the date).
+size_t PrefixLength(const std::string& line) { return line.find("] ") + 2; }
+
+// The text after the prefix of each line of `text`, newline included.
+std::vector<std::string> Bodies(const std::string& text) {
+  std::vector<std::string> bodies;
+  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+    const std::string line = text.substr(at, end + 1 - at);
+    bodies.push_back(line.substr(PrefixLength(line)));
+  }
+  return bodies;
+}
+
+TEST_F(ZelLog, LinesThatNeed4094To4096BytesWithTheirTerminatorAroundTheCut) {
+  log_print(3, 0, "measure");
+  const size_t prefix = PrefixLength(Drain());
+  // Prefix + text + newline + terminator: 4094 and 4095 bytes fit whole;
+  // 4096 would, but the text's room ends one byte earlier: it loses a character.
+  std::vector<std::string> bodies;
+  for (const size_t needed : {4094u, 4095u, 4096u}) {
+    const std::string body = std::to_string(needed) + std::string(needed - prefix - 2 - 4, 'b');
+    log_print(3, 0, "%s", body.c_str());
+    bodies.push_back(body + "\n");
+  }
+  bodies.back().erase(bodies.back().size() - 2, 1);
+  const std::vector<std::string> written = Bodies(Drain());
+  ASSERT_EQ(6u, written.size());  // measure, marker, the three, marker
+  EXPECT_EQ(bodies, std::vector<std::string>(written.begin() + 2, written.end() - 1));
+  EXPECT_EQ(4093 - prefix, written[2].size());
+  EXPECT_EQ(4094 - prefix, written[4].size());
+}
+
+TEST_F(ZelLog, TextEndingInNewlineAtTheCutLosesItsNewlineAndGetsOneBack) {
+  log_print(3, 0, "measure");
+  const size_t prefix = PrefixLength(Drain());
+  // Fits whole with its own newline: nothing added.
+  const std::string fits = std::string(4094 - prefix - 2, 'f') + "\n";
+  // One byte more: the cut takes the newline, and one is appended again.
+  const std::string over = std::string(4094 - prefix - 1, 'o') + "\n";
+  log_print(3, 0, "%s", fits.c_str());
+  log_print(3, 0, "%s", over.c_str());
+  const std::vector<std::string> written = Bodies(Drain());
+  ASSERT_EQ(5u, written.size());
+  EXPECT_EQ(fits, written[2]);
+  EXPECT_EQ(over, written[3]);
+}
+
 TEST_F(ZelLog, PercentSequencesInArgumentsAreWrittenVerbatim) {
   log_print(3, 0, "%s|%d", "%s %d %n %%", 5);
   const std::string text = Drain();
@@ -217,6 +267,20 @@ TEST_F(ZelLog, SetEmptyPathLeavesThePreviousBase) {
   EXPECT_EQ(base.path(), zel::Logger::mFixedDirPrefix);
   log_print(3, 0, "still here");
   EXPECT_NE(std::string::npos, Drain().find("still here\n"));
+}
+
+TEST_F(ZelLog, SetNullPathLeavesThePreviousBase) {
+  zel_set_log_path(nullptr);
+  EXPECT_EQ(base.path(), zel::Logger::mFixedDirPrefix);
+}
+
+TEST_F(ZelLog, GetLogPathWithSizeZeroCopiesNothing) {
+  log_print(3, 0, "first");
+  Drain();
+  char buf[4];
+  std::memset(buf, 'X', sizeof(buf));
+  EXPECT_EQ(0, zel_get_log_path(buf, 0));
+  EXPECT_EQ("XXXX", std::string(buf, sizeof(buf)));
 }
 
 TEST(ZelLogZoneChange, PrefixFollowsTheTimeZoneAtOnce) {
