@@ -350,6 +350,22 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
   // The process then exits with the sending still queued, never calling it.
 }
 
+TEST(EventManager, StopWhileCallbacksAreQueuedNeverCallsThem) {
+  CallLog log;
+  Tag tag{&log, "e"};
+  Gate gate;
+  gate.Close();  // the event thread is inside a callback now
+  Events().registerEvent("e", &Record, &tag);
+  Events().sendEvent("e");
+  Events().sendEvent("e");
+  std::thread stopper([] { Events().stop(); });
+  std::this_thread::sleep_for(100ms);  // stop() has stored the flag and waits
+  gate.Open();
+  stopper.join();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_TRUE(log.Calls().empty());
+}
+
 void Throw(void*) { throw std::runtime_error("callback failed"); }
 
 TEST(EventManagerDeathTest, CallbackThatThrowsEndsTheProcess) {

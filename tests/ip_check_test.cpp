@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -46,6 +47,10 @@ constexpr size_t kEchoSize = 28;
 std::atomic<int> gRewriteIdentifier{-1};
 std::atomic<bool> gFailSends{false};
 std::atomic<bool> gFailReceives{false};
+// How connect answers: as the system does, done at once (0), or refused at
+// once with this errno.
+enum class ConnectMode { kSystem, kAtOnce, kFailAtOnce };
+std::atomic<ConnectMode> gConnectMode{ConnectMode::kSystem};
 
 struct SockoptCall {
   int result;
@@ -320,6 +325,26 @@ TEST(IpCheckPort, SocketNumberAbove1024StillTimesOutAfterOneSecond) {
   EXPECT_LT(elapsed, 10.0);
 }
 
+TEST(IpCheckPort, ConnectionMadeAtOnceIsReachable) {
+  LoopbackSocket listener(16);
+  gConnectMode = ConnectMode::kAtOnce;
+  const bool reachable = check_ip_port("127.0.0.1", listener.port());
+  gConnectMode = ConnectMode::kSystem;
+  EXPECT_TRUE(reachable);
+}
+
+TEST(IpCheckPort, ConnectFailingAtOnceIsUnreachableWithoutWaiting) {
+  LoopbackSocket listener(16);
+  Diagnostics diag;
+  gConnectMode = ConnectMode::kFailAtOnce;
+  const auto start = Clock::now();
+  const bool reachable = check_ip_port("127.0.0.1", listener.port());
+  gConnectMode = ConnectMode::kSystem;
+  EXPECT_FALSE(reachable);
+  EXPECT_LT(SecondsSince(start), 0.5);
+  EXPECT_EQ(1u, DiagCapture::Count(" ....... end\\n\""));
+}
+
 // --- check_ip_by_icmp ---
 
 TEST(IpCheckIcmp, EchoRequestMatchesIndependentlyBuiltOne) {
@@ -541,4 +566,25 @@ extern "C" int setsockopt(int fd, int level, int name, const void* value, sockle
     gTimeoutOptionCalls.push_back(call);
   }
   return result;
+}
+
+extern "C" int connect(int fd, const sockaddr* addr, socklen_t len) {
+  using Connect = int (*)(int, const sockaddr*, socklen_t);
+  static const auto real = RealFunction<Connect>("connect");
+  switch (gConnectMode.load()) {
+    case ConnectMode::kSystem:
+      return real(fd, addr, len);
+    case ConnectMode::kAtOnce: {
+      // Finish the loopback connection before answering, as a fast peer would.
+      const int rc = real(fd, addr, len);
+      if (rc != 0 && errno != EINPROGRESS) return rc;
+      pollfd done{fd, POLLOUT, 0};
+      poll(&done, 1, 5000);
+      return 0;
+    }
+    case ConnectMode::kFailAtOnce:
+      errno = ENETUNREACH;
+      return -1;
+  }
+  return -1;
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <regex>
@@ -199,6 +201,65 @@ TEST(LoggerFile, DestroyedLoggerFileClosesItsFile) {
     ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == size_t(i + 1); }));
   }
   EXPECT_EQ(before, OpenDescriptorCount());
+}
+
+TEST(LoggerFile, LogFileInitAndGetLogFpGiveTheCurrentFile) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.SetName("direct");
+  EXPECT_EQ(0, file.logFileInit());
+  FILE* fp = file.getLogFp();  // opens the current file, as the first line would
+  ASSERT_NE(nullptr, fp);
+  ASSERT_EQ(1u, FileNames(dir.path()).size());
+  EXPECT_TRUE(std::regex_match(FileNames(dir.path())[0], std::regex(R"(direct\.\d{6}\.txt)")));
+  EXPECT_EQ(fp, file.getLogFp());
+}
+
+// ---- the directory as given ----
+
+TEST(LoggerFileDirectory, WithoutFinalSlashIsMadeAndTheNameFollowsItDirectly) {
+  zeltest::TempDir scratch;
+  zel::LoggerFile file(scratch.path() + "logs");
+  file.SetName("n");
+  EXPECT_TRUE(std::filesystem::is_directory(scratch.path() + "logs"));
+  file.Log("joined\n");
+  // No separator is added between the directory and the name.
+  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(scratch.path()).size() == 1; }));
+  EXPECT_TRUE(std::regex_match(FileNames(scratch.path())[0], std::regex(R"(logsn\.\d{6}\.txt)")));
+}
+
+TEST(LoggerFileDirectory, BackslashesSeparateFoldersToo) {
+  zeltest::TempDir scratch;
+  zel::LoggerFile file(scratch.path() + "a\\b/");
+  // Made at every separator: "a", then "a\b" (one name, on this system).
+  EXPECT_TRUE(std::filesystem::is_directory(scratch.path() + "a"));
+  EXPECT_TRUE(std::filesystem::is_directory(scratch.path() + "a\\b"));
+}
+
+TEST(LoggerFileDirectory, EmptyDirectoryWritesIntoTheWorkingDirectory) {
+  zeltest::TempDir scratch;
+  char saved[4096];
+  ASSERT_NE(nullptr, getcwd(saved, sizeof(saved)));
+  ASSERT_EQ(0, chdir(scratch.path().c_str()));
+  {
+    zel::LoggerFile file("");
+    file.SetName("here");
+    file.Log("cwd\n");
+    ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(scratch.path()).size() == 1; }));
+  }
+  EXPECT_EQ(0, chdir(saved));
+  EXPECT_TRUE(std::regex_match(FileNames(scratch.path())[0], std::regex(R"(here\.\d{6}\.txt)")));
+}
+
+TEST(LoggerFileDirectory, Of255CharactersWithoutFinalSlashLeavesItsLastFolderUnmade) {
+  zeltest::TempDir scratch;
+  std::string dir = zeltest::PathOfLength(scratch.path(), 256);
+  dir.pop_back();  // 255 characters: the buffer has no room for the slash that would end it
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  capture.Take();
+  EXPECT_FALSE(std::filesystem::exists(dir));
+  EXPECT_TRUE(std::filesystem::is_directory(scratch.path()));
 }
 
 // ---- names at the 255-character limit of a path ----

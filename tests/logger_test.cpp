@@ -1,5 +1,6 @@
 #include "utils/logger.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "fuzz/support/private_root.h"
 #include "support/child_run.h"
 #include "support/log_files.h"
 #include "utils/process_info.h"
@@ -380,6 +382,71 @@ TEST(LoggerLongBase, DayDirectoryOf256CharactersIsNotCreatedAndTheCutPathIsWritt
   ASSERT_TRUE(written);
   EXPECT_TRUE(std::filesystem::is_regular_file(cut));
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + cut + "]\n"));
+}
+
+// ---- the rest of the interface ----
+
+TEST(LogBackend, ThreeArgumentLogHandsTheTextToTheOneArgumentForm) {
+  struct OneForm : zel::LogBackend {
+    int Log(const std::string& msg) override {
+      texts.push_back(msg);
+      return 7;
+    }
+    using zel::LogBackend::Log;
+    std::vector<std::string> texts;
+  } sink;
+  EXPECT_EQ(7, sink.Log("text\n", 0, true));
+  EXPECT_EQ(std::vector<std::string>{"text\n"}, sink.texts);
+}
+
+TEST(LoggerStandalone, LogFileInitAndGetLogFpWorkOnALoggerOfItsOwn) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  auto* logger = new zel::Logger();
+  EXPECT_EQ(0, logger->logFileInit());
+  // getLogFp opens the current file, as the first line would.
+  FILE* fp = logger->getLogFp();
+  ASSERT_NE(nullptr, fp);
+  const std::string dayDir = base.path() + zeltest::TodayText();
+  ASSERT_EQ(1u, FileNames(dayDir).size());
+  EXPECT_EQ(fp, logger->getLogFp());  // the same file while nothing changed
+  // Destroying it stops its writer; the file stays open (it is shared).
+  delete logger;
+  EXPECT_NE(-1, fcntl(fileno(fp), F_GETFD));
+}
+
+TEST(LoggerDefaultBase, WithoutAFixedBaseDaysGoUnderUsersUserLibraryZel) {
+  // /Users belongs to the machine: only a private root, which vanishes with
+  // the child, may have one written.
+  const zeltest::ChildResult child = zeltest::RunInChild([]() -> std::string {
+    zelfuzz::EnterPrivateRoot();
+    setenv("USER", "zeltest", 1);
+    const std::string day = zeltest::TodayText();
+    const std::string days = "/Users/zeltest/Library/zel/";
+    if (freopen("/tmp/stdout.txt", "w", stdout) == nullptr) return "no stdout";
+    log_print(3, 0, "by default");
+    const std::string dayDir = days + day + "/";  // BuildLogPath adds a slash to the date's own
+    if (!zeltest::WaitFor([&] { return !FileNames(dayDir).empty(); })) return "no file in " + dayDir;
+    const std::string name = FileNames(dayDir)[0];
+    if (!zeltest::WaitForText(dayDir + name, "by default\n")) return "no line in " + name;
+    fflush(stdout);
+    const std::string out = ReadFile("/tmp/stdout.txt");
+    // The first day: only the last folder is made at first, and that fails.
+    if (out != "mkdir[" + dayDir + "] error[BuildLogPath 630] \n") return "printed: " + out;
+    char path[512] = {};
+    if (zel_get_log_path(path, sizeof(path)) != 0 || dayDir != path) return "log path " + std::string(path);
+    // Without a sub-folder, and without USER: the folders exist or are made quietly.
+    if (zel::BuildLogPath("") != days) return "BuildLogPath(\"\")";
+    unsetenv("USER");
+    if (zel::BuildLogPath("x") != "/Users/x/" || !std::filesystem::is_directory("/Users/x/")) {
+      return "BuildLogPath without USER";
+    }
+    fflush(stdout);
+    return ReadFile("/tmp/stdout.txt") == out ? "" : "printed more: " + ReadFile("/tmp/stdout.txt");
+  });
+  if (child.ExitedWith(zelfuzz::kCannotIsolate)) GTEST_SKIP() << "no private root here";
+  EXPECT_TRUE(child.ExitedWith(0)) << child.status;
+  EXPECT_EQ("", child.output);
 }
 
 // ---- faults ----

@@ -11,13 +11,12 @@ const std::chrono::steady_clock::time_point base_clock = std::chrono::steady_clo
 
 bool DueEarlier(const TimerMsg& a, const TimerMsg& b) { return a.due < b.due; }
 
-// now + interval, held at the ends of the range instead of overflowing: a
-// due time too large to represent stays LLONG_MAX, which is never before now.
+// now + interval, held at LLONG_MAX instead of overflowing: a due time too
+// large to represent is never before now. (Now is never negative, so only a
+// positive interval can overflow.)
 long long DueAfter(long long interval) {
   long long due;
-  if (__builtin_add_overflow(TimerNowMs(), interval, &due)) {
-    due = interval > 0 ? LLONG_MAX : LLONG_MIN;
-  }
+  if (__builtin_add_overflow(TimerNowMs(), interval, &due)) due = LLONG_MAX;
   return due;
 }
 
