@@ -513,6 +513,7 @@ TEST(LoggerFaults, FullDiskLosesLinesAndLoggingResumesWhenSpaceReturns) {
   const std::string base = scratch.path() + "small/";
   ASSERT_EQ(0, mkdir(base.c_str(), 0755));
   ASSERT_TRUE(zeltest::MountPrivateTmpfs(base, 64 * kPage)) << "no private mount namespace";
+  const zeltest::UnmountAtEnd unmount(base);
   const std::string filler = base + "filler";
   zeltest::WriteFile(filler, std::string(56 * kPage, 'f'));  // 8 pages stay free
   zel_set_log_path(base.c_str());

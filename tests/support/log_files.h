@@ -268,6 +268,19 @@ inline bool MountPrivateTmpfs(const std::string& dir, size_t bytes) {
   return mount("zeltest", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
 }
 
+// Detaches whatever is mounted on `dir` when it goes, so that the folder
+// holding the mount point can be removed (open files keep the tmpfs alive).
+class UnmountAtEnd {
+ public:
+  explicit UnmountAtEnd(std::string dir) : dir_(std::move(dir)) {}
+  ~UnmountAtEnd() { umount2(dir_.c_str(), MNT_DETACH); }
+  UnmountAtEnd(const UnmountAtEnd&) = delete;
+  UnmountAtEnd& operator=(const UnmountAtEnd&) = delete;
+
+ private:
+  std::string dir_;
+};
+
 // Every line of every file below `base`, in the order written: directories in
 // name order, and in each the rotated files by number, then the current one.
 inline std::vector<std::string> LinesBelow(const std::string& base) {
