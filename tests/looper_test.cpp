@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "support/diag_capture.h"
-#include "support/spin_barrier.h"
+#include "support/start_stop_race.h"
 #include "utils/timer.h"
 
 // Interposed for this program (definition at the end): while set, every
@@ -645,37 +645,15 @@ TEST(Looper, ConcurrentStartAndStopFromTwoThreadsReturnAndNeverRunTwoLoops) {
   zel::Looper looper;
   OverlapProbe probe;
   std::atomic<bool> done{false};
-  zeltest::SpinBarrier barrier(2);
-  testing::internal::CaptureStdout();  // "already stoped " lines
-  // Each round starts with a running loop; the Start lands at varying points
-  // of the Stop (often while it joins the thread).
-  std::thread starter([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      looper.Start();
-      barrier.Arrive();
-      std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
-      looper.Start();
-      barrier.Arrive();
-    }
-  });
-  std::thread stopper([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      barrier.Arrive();
-      looper.Stop();
-      barrier.Arrive();
-    }
-  });
   std::thread poster([&] {
     while (!done) {
       looper.PostMessageAAA(std::make_unique<FnMessage>([&] { probe.Enter(); }));
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
   });
-  starter.join();
-  stopper.join();
+  zeltest::RaceStartAgainstStop(looper, kRounds, 50);
   done = true;
   poster.join();
-  testing::internal::GetCapturedStdout();
   EXPECT_LE(probe.maxInside.load(), 1);
   // Whatever the last call was, the loop is in one clean state.
   looper.Start();

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/spin_barrier.h"
+#include "support/start_stop_race.h"
 
 namespace {
 
@@ -409,7 +409,7 @@ TEST(MsgBus, StopThenStartDeliversMessagesQueuedForTheFuture) {
 }
 
 TEST(MsgBus, ConcurrentStartAndStopFromTwoThreadsReturnAndLeaveOneBusThread) {
-  constexpr int kRounds = 400;
+  constexpr int kRounds = 2000;
   DeliveryLog log;
   auto sub = MakeRecorder("s", log);
   DeliveryLog traffic;
@@ -417,26 +417,6 @@ TEST(MsgBus, ConcurrentStartAndStopFromTwoThreadsReturnAndLeaveOneBusThread) {
   zel::MsgBus bus;
   bus.Subscribe(kType, sub);
   bus.Subscribe(kOtherType, busy);
-  zeltest::SpinBarrier barrier(2);
-  testing::internal::CaptureStdout();  // "already stoped " lines
-  // Each round starts with a running bus; the Start lands at varying points
-  // of the Stop (often while it joins the bus thread).
-  std::thread starter([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      bus.Start();
-      barrier.Arrive();
-      std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
-      bus.Start();
-      barrier.Arrive();
-    }
-  });
-  std::thread stopper([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      barrier.Arrive();
-      bus.Stop();
-      barrier.Arrive();
-    }
-  });
   std::atomic<bool> done{false};
   std::thread publisher([&] {
     while (!done) {
@@ -444,11 +424,9 @@ TEST(MsgBus, ConcurrentStartAndStopFromTwoThreadsReturnAndLeaveOneBusThread) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
   });
-  starter.join();
-  stopper.join();
+  zeltest::RaceStartAgainstStop(bus, kRounds, 50);
   done = true;
   publisher.join();
-  testing::internal::GetCapturedStdout();
   bus.Start();
   for (int id = 1; id <= 3; ++id) ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, id)));
   ASSERT_TRUE(log.WaitForCount(3));

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/spin_barrier.h"
+#include "support/start_stop_race.h"
 #include "utils/looper.h"
 
 namespace {
@@ -103,31 +103,11 @@ TEST(LooperStress, StartRacingStopFromTwoThreadsWhilePostersPost) {
   std::atomic<int> accepted{0};
   {
     zel::Looper looper;
-    zeltest::SpinBarrier barrier(2);
-    testing::internal::CaptureStdout();  // "already stoped " lines
-    std::thread starter([&] {
-      for (int i = 0; i < kRounds; ++i) {
-        looper.Start();
-        barrier.Arrive();
-        std::this_thread::sleep_for(std::chrono::microseconds(i % 100));
-        looper.Start();
-        barrier.Arrive();
-      }
-    });
-    std::thread stopper([&] {
-      for (int i = 0; i < kRounds; ++i) {
-        barrier.Arrive();
-        looper.Stop();
-        barrier.Arrive();
-      }
-    });
     std::atomic<bool> racing{true};
     std::vector<std::thread> posters = StartPosters(looper, ledger, accepted, racing);
-    starter.join();
-    stopper.join();
+    zeltest::RaceStartAgainstStop(looper, kRounds, 100);
     racing = false;
     for (auto& poster : posters) poster.join();
-    testing::internal::GetCapturedStdout();
   }
   ExpectEachDestroyedOnceRunAtMostOnce(ledger);
 }
