@@ -64,7 +64,8 @@ class LoopThread {
 
   std::mutex& mutex;
   std::condition_variable& wake;
-  // Signalled when a thread leaves its body and when a Stop finished joining.
+  // Signalled whenever what Start and a new thread wait for may have changed:
+  // a thread left its body, a Stop began or finished joining, a Start won.
   std::condition_variable settled;
   std::unique_ptr<std::thread> thread;  // guarded by mutex
   std::string text;                     // guarded by mutex

@@ -95,7 +95,7 @@ void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
                              char (&rotated)[kPathSize]) {
   fclose(fp);
   fp = nullptr;
-  Name(rotated, naming, RotationNumber(index));
+  Name(rotated, naming, RotationNumber(index).c_str());
   // Names cut alike would make this a rename onto itself: nothing to move.
   if (strcmp(path, rotated) != 0 && rename(path, rotated) != 0) {
     printf("%s %d,rename error\n", "getFile", renameErrorLine);
@@ -105,7 +105,7 @@ void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
 
 void RotatingFile::RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep) {
   char name[kPathSize];
-  Name(name, naming, RotationNumber(static_cast<uint8_t>(index - keep)));
+  Name(name, naming, RotationNumber(static_cast<uint8_t>(index - keep)).c_str());
   // A cut name may be the very file this writer appends to.
   if (name[0] == '\0' || strcmp(name, path) == 0 || !IsRegularFile(name)) return;
   if (remove(name) != 0) printf("delete file: %s failed\n", name);
@@ -116,8 +116,8 @@ void RotatingFile::NameCurrent(const FileNaming& naming) {
   path[kPathSize - 1] = '\0';
 }
 
-void RotatingFile::Name(char (&out)[kPathSize], const FileNaming& naming, const std::string& last) {
-  if (FormatName(out, naming, last.c_str()) || cutReported) return;
+void RotatingFile::Name(char (&out)[kPathSize], const FileNaming& naming, const char* last) {
+  if (FormatName(out, naming, last) || cutReported) return;
   printf("log file name cut to %zu characters: [%s]\n", kPathSize - 1, out);
   cutReported = true;
 }

@@ -73,7 +73,7 @@ struct RotatingFile {
  private:
   // Formats a name of `naming` into `out` ("<stem>.<timeTag>.<last>"),
   // reporting the first one that had to be cut.
-  void Name(char (&out)[kPathSize], const FileNaming& naming, const std::string& last);
+  void Name(char (&out)[kPathSize], const FileNaming& naming, const char* last);
 
   bool cutReported = false;
 };
