@@ -67,53 +67,63 @@ int Looper::Stop() {
 void Looper::process() {
   const std::string self = ThreadIdString(pthread_self());
   ZEL_DEBUG_AT(193, "looper process started in thread %s\n", self.c_str());
+  Queue batch;
+  long long now = 0;
   while (loop.ShouldRun() && !destroying) {
-    Queue batch;
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      if (queue->empty()) {
-        cond.wait_for(lock, kIdleWait);
-        if (queue->empty()) continue;
-      }
-      const long long now = WallClockMs();
-      while (!queue->empty() && queue->front() && IsDue(*queue->front(), now)) {
-        batch.splice(batch.end(), *queue, queue->begin());
-      }
-    }
-    if (batch.empty()) {
-      // Head of line not due yet: sleep until a post wakes us or a second passed.
-      std::unique_lock<std::mutex> lock(mutex);
-      cond.wait_for(lock, kIdleWait);
-      continue;
-    }
-    RunBatch(batch);
+    if (TakeQueue(batch, now)) RunBatch(batch, now);
   }
   ZEL_DEBUG_AT(240, "looper process exit, threadID %s\n", self.c_str());
 }
 
-void Looper::RunBatch(Queue& batch) {
-  while (!batch.empty()) {
+bool Looper::TakeQueue(Queue& batch, long long& now) {
+  std::unique_lock<std::mutex> lock(mutex);
+  if (queue->empty()) {
+    WaitLocked(lock);
+    if (queue->empty()) return false;
+  }
+  now = WallClockMs();
+  if (!IsDue(*queue->front(), now)) {
+    // Head of line not due yet: sleep until a post wakes us or a second passed.
+    WaitLocked(lock);
+    return false;
+  }
+  // Constant time under the lock, however long the queue: the due front is
+  // picked out on the loop thread.
+  batch.swap(*queue);
+  return true;
+}
+
+void Looper::RunBatch(Queue& batch, long long now) {
+  while (!batch.empty() && IsDue(*batch.front(), now)) {
     std::unique_ptr<Message> msg = std::move(batch.front());
     batch.pop_front();
     // A Stop (or a restart on a newer thread) while the batch runs drops
     // the rest of it unrun.
-    if (loop.ShouldRun() && msg) msg->Run();
+    if (loop.ShouldRun()) msg->Run();
   }
+  if (batch.empty()) return;
+  // What was not due stays queued, ahead of everything posted meanwhile.
+  std::lock_guard<std::mutex> lock(mutex);
+  queue->insert(queue->begin(), std::make_move_iterator(batch.begin()),
+                std::make_move_iterator(batch.end()));
+  batch.clear();
+}
+
+void Looper::WaitLocked(std::unique_lock<std::mutex>& lock) {
+  waiting = true;
+  cond.wait_for(lock, kIdleWait);
+  waiting = false;
 }
 
 int Looper::PostMessageAAA(std::unique_ptr<Message> msg) {
   msg->when = WallClockMs();
-  const bool fromLoop = loop.IsCurrent();
-  std::lock_guard<std::mutex> lock(mutex);
-  if (fromLoop) {
+  if (loop.IsCurrent()) {
     // The loop sees it on its next scan; no wake-up needed.
+    std::lock_guard<std::mutex> lock(mutex);
     queue->push_back(std::move(msg));
     return 0;
   }
-  if (loop.Stopped()) return -1;
-  queue->push_back(std::move(msg));
-  cond.notify_one();
-  return 0;
+  return PostFromOtherThread(std::move(msg));
 }
 
 int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
@@ -125,10 +135,18 @@ int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
     queue->push_back(std::move(msg));
     return 0;
   }
-  std::lock_guard<std::mutex> lock(mutex);
-  if (loop.Stopped()) return -1;
-  queue->push_back(std::move(msg));
-  cond.notify_one();
+  return PostFromOtherThread(std::move(msg));
+}
+
+int Looper::PostFromOtherThread(std::unique_ptr<Message> msg) {
+  bool wake = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (loop.Stopped()) return -1;
+    queue->push_back(std::move(msg));
+    std::swap(wake, waiting);
+  }
+  if (wake) cond.notify_one();
   return 0;
 }
 

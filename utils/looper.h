@@ -10,8 +10,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -104,16 +104,31 @@ class ZEL_API Looper {
   int PostDelayTask(Callback<void (*)()>& cb, long long delay_ms);
 
  private:
-  using Queue = std::list<std::unique_ptr<Message>>;
+  // One contiguous FIFO: posting costs no allocation of its own.
+  using Queue = std::deque<std::unique_ptr<Message>>;
 
-  void RunBatch(Queue& batch);
+  // Moves the whole queue into `batch` once its front is due at `now`, or
+  // waits up to a second for a post; false if there is nothing to run.
+  bool TakeQueue(Queue& batch, long long& now);
+  // Runs the due front of `batch` (the messages due at `now`, in order), then
+  // puts the rest back at the head of the queue.
+  void RunBatch(Queue& batch, long long now);
+  // Waits on `cond` for up to a second, saying so in `waiting`.
+  void WaitLocked(std::unique_lock<std::mutex>& lock);
+  // Appends `msg` for another thread; -1 while stopped. Wakes the loop
+  // thread only if it waits, after the lock is released.
+  int PostFromOtherThread(std::unique_ptr<Message> msg);
 
   std::condition_variable cond;
   std::mutex mutex;
   // The loop thread: its start, stop and identity (for "am I the loop
   // thread?" and the diagnostics).
   LoopThread loop;
+  // Posted messages not yet taken by the loop. Guarded by mutex, except for
+  // the loop thread's own delayed posts.
   std::unique_ptr<Queue> queue;
+  // The loop thread waits on `cond`: a post must wake it. Guarded by mutex.
+  bool waiting = false;
   std::atomic<bool> destroying{false};
 };
 
