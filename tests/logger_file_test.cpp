@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -161,6 +162,57 @@ TEST(LoggerFile, DeletedFileMakesNextWriteRotateWithRenameError) {
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "update loggerfile ,rename  [")) << out;
   EXPECT_EQ("two\n", ReadFile(dir.path() + name));
   EXPECT_EQ(std::vector<std::string>{name}, FileNames(dir.path()));
+}
+
+// The size rule reads the position of the writer's own stream: bytes that
+// someone else appends count only once the writer's next line lands after them.
+TEST(LoggerFile, BytesAppendedByAnotherWriterRotateFromTheLineAfterThem) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "one\n"));
+  {
+    std::ofstream other(dir.path() + name, std::ios::app | std::ios::binary);
+    other << std::string(kMaxFileSize, 'x');
+  }
+  file.Log("two\n");
+  file.Log("three\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "three\n"; }));
+  EXPECT_EQ("one\n" + std::string(kMaxFileSize, 'x') + "two\n", ReadFile(dir.path() + stem + "0"));
+}
+
+TEST(LoggerFile, FileCutByAnotherWriterStillRotatesAtTheStreamsPosition) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log(Line('a', kMaxFileSize + 1));
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
+  ASSERT_EQ(0, truncate((dir.path() + name).c_str(), 0));
+  file.Log("B");
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "B"));
+  EXPECT_EQ("B", ReadFile(dir.path() + name));
+  EXPECT_EQ("", ReadFile(dir.path() + stem + "0"));
+}
+
+TEST(LoggerFile, LargeFileMovedInUnderTheCurrentNameIsNotRotatedForItsSize) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  const std::string name = CurrentName(dir.path());
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "one\n"));
+  ASSERT_EQ(0, std::rename((dir.path() + name).c_str(), (dir.path() + "moved").c_str()));
+  zeltest::WriteFile(dir.path() + name, std::string(kMaxFileSize + 1, 'x'));
+  file.Log("two\n");
+  // The line follows the open stream into the moved file; nothing rotates.
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + "moved", "two\n"));
+  EXPECT_EQ("one\ntwo\n", ReadFile(dir.path() + "moved"));
+  EXPECT_EQ(kMaxFileSize + 1, ReadFile(dir.path() + name).size());
+  std::vector<std::string> expected{"moved", name};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, FileNames(dir.path()));
 }
 
 TEST(LoggerFile, EmptyMessagePrintsWriteError) {

@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <new>
 
+#include "utils/local_time.h"
 #include "utils/process_info.h"
 
 namespace zel {
@@ -23,6 +26,32 @@ std::string& Logger::mDirPrefix = *new std::string();
 std::string& Logger::mFixedDirPrefix = *new std::string();
 
 using namespace logdetail;
+
+// The text follows the object in the same allocation, NUL-terminated.
+class Logger::Line final : public Message {
+ public:
+  // A message carrying a copy of `length` characters at `text`.
+  static std::unique_ptr<Message> Make(Logger* logger, const char* text, size_t length,
+                                       bool toBackends) {
+    void* memory = ::operator new(sizeof(Line) + length + 1);
+    Line* line = new (memory) Line(logger, length, toBackends);
+    memcpy(line->Text(), text, length);
+    line->Text()[length] = '\0';
+    return std::unique_ptr<Message>(line);
+  }
+  // Paired with Make's allocation; found through the virtual destructor.
+  static void operator delete(void* memory) { ::operator delete(memory); }
+
+  void Run() override { logger->Write(Text(), length, toBackends); }
+
+ private:
+  Line(Logger* owner, size_t size, bool sinks) : logger(owner), length(size), toBackends(sinks) {}
+  char* Text() { return reinterpret_cast<char*>(this + 1); }
+
+  Logger* const logger;
+  const size_t length;
+  const bool toBackends;
+};
 
 std::string BuildLogPath(const std::string& sub) {
   std::string path = "/Users/";
@@ -44,7 +73,7 @@ std::string BuildLogPath(const std::string& sub) {
 Logger::Logger() { init(); }
 
 Logger::~Logger() {
-  if (mHandler) mHandler->looper->Stop();
+  if (mLooper) mLooper->Stop();
   if (mFp != nullptr) fclose(mFp);
 }
 
@@ -66,19 +95,24 @@ int Logger::init() {
   UpdateLogDir();
   mLogDirLen = mLogDir.size();
   mFileMode = true;
-  mHandler = std::make_unique<Handler<LogInfo>>([this](LogInfo* info) { Write(info); });
-  mHandler->looper->Start();
+  mLooper = std::make_unique<Looper>();
+  mLooper->Start();
   return 0;
 }
 
 int Logger::Log(const std::string& msg) { return Log(msg, 3, false); }
 
 int Logger::Log(const std::string& msg, int level, bool toBackends) {
-  return Log(std::string(msg), level, toBackends);
+  return Log(msg.data(), msg.size(), level, toBackends);
 }
 
 int Logger::Log(std::string&& msg, int level, bool toBackends) {
-  return mHandler->Post(new LogInfo{std::move(msg), level, toBackends});
+  return Log(msg.data(), msg.size(), level, toBackends);
+}
+
+int Logger::Log(const char* text, size_t length, int level, bool toBackends) {
+  (void)level;  // stored by the record clients know, never read
+  return mLooper->PostMessageAAA(Line::Make(this, text, length, toBackends));
 }
 
 void Logger::AddBackend(LogBackend* backend) {
@@ -131,9 +165,7 @@ FILE* Logger::getFile() {
   if (sCurFile.fp != nullptr) {
     // Today's date as of this line: the time zone may have moved since the
     // last one (a travelling laptop), so nothing is cached.
-    if (!sCurFile.Outgrown(mMaxFileSize) && DateText(LocalNow()) == mDay && !sCurFile.Vanished()) {
-      return sCurFile.fp;
-    }
+    if (!sCurFile.MustRotate(mMaxFileSize) && !DateChanged()) return sCurFile.fp;
     char rotated[kPathSize];
     // Into the old day's directory: mLogDir is not refreshed until the reopen below.
     sCurFile.RotateOut(Naming(), 556, rotated);
@@ -148,21 +180,36 @@ void Logger::updateLogFile(unsigned char index) {
   sCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
 }
 
-void Logger::Write(LogInfo* info) {
+bool Logger::DateChanged() {
+  // Today's date as of this line: the time zone may have moved since the
+  // last one (a travelling laptop).
+  const LocalSecond& now = LocalTimeAt(time(nullptr));
+  if (now.conversion != mTodayConversion) {
+    mToday = DateText(now.local);
+    mTodayConversion = now.conversion;
+  }
+  return mToday != mDay;
+}
+
+void Logger::Write(const char* text, size_t length, bool toBackends) {
   FILE* fp = mFileMode ? getFile() : stderr;
   if (fp == nullptr) {
     printf("%s %d: fp is null \n", "operator()", 333);
     return;
   }
-  if (info->toBackends) {
+  if (toBackends) {
     std::shared_lock<std::shared_timed_mutex> lock(mBackendMutex);
-    for (LogBackend* backend : mBackends) backend->Log(info->msg);
+    if (!mBackends.empty()) {
+      const std::string line(text, length);
+      for (LogBackend* backend : mBackends) backend->Log(line);
+    }
   }
   // A removed directory comes back; the open handle itself is kept.
-  if (!PrintLine(fp, info->msg)) UpdateLogDir();
+  const int written = PrintLine(fp, text);
+  if (written <= 0) UpdateLogDir();
   // Every line reaches the file before the next one is taken: nothing
   // written is lost when the process dies.
-  if (mFileMode) fflush(fp);
+  if (mFileMode) sCurFile.Flushed(written, fflush(fp) == 0);
 }
 
 }  // namespace zel

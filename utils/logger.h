@@ -51,7 +51,9 @@ struct LogInfo {
 
 // The process log. Create it through GetInstance (log_print does); it lives
 // until the process exits. Everything but Log/AddBackend/RemoveBackend runs on
-// the Logger's own thread (and, once, in the constructor).
+// the Logger's own thread (and, once, in the constructor). Queued lines travel
+// as messages of their own that carry the text inline (one allocation each);
+// LogInfo is the record of the same three fields that clients know.
 class ZEL_API Logger : public LogBackend {
  public:
   // Sets up the members and runs init(): day directory and writer thread.
@@ -69,6 +71,9 @@ class ZEL_API Logger : public LogBackend {
   int Log(const std::string& msg, int level, bool toBackends) override;
   // The same, taking the text over instead of copying it.
   int Log(std::string&& msg, int level, bool toBackends);
+  // The same for `length` characters at `text`, copied: one allocation per
+  // line, whatever its length. Can be called on any thread.
+  int Log(const char* text, size_t length, int level, bool toBackends);
 
   // Attach/detach a client sink (not owned). Takes the backend lock exclusively.
   void AddBackend(LogBackend* backend);
@@ -96,7 +101,12 @@ class ZEL_API Logger : public LogBackend {
   static std::string& mFixedDirPrefix;
 
  private:
-  void Write(LogInfo* info);
+  class Line;  // one queued line: the message and its text in one allocation
+
+  // The writer: one line, on the Logger's thread.
+  void Write(const char* text, size_t length, bool toBackends);
+  // Whether today's local date is no longer mDay. Logger thread only.
+  bool DateChanged();
   // How this Logger's files are named right now.
   logdetail::FileNaming Naming() const;
 
@@ -111,8 +121,14 @@ class ZEL_API Logger : public LogBackend {
   int32_t mMaxFileSize = 5242880;
   FILE* mFp = nullptr;  // never opened: the file written is the file-scope one
   std::string mDay;
-  std::unique_ptr<Handler<LogInfo>> mHandler;
-  std::vector<LogBackend*> mBackends;
+  // Today's date text and the local-time conversion it came from: one
+  // snprintf per second instead of one per line. Logger thread only.
+  std::string mToday;
+  uint64_t mTodayConversion = 0;
+  // The writer's loop, made by init(); Log reads it unlocked, so init() is
+  // not called again while lines are logged.
+  std::unique_ptr<Looper> mLooper;
+  std::vector<LogBackend*> mBackends;  // guarded by mBackendMutex
 };
 
 // "/Users/" [+ $USER + "/Library/zel/"] [+ sub + "/"]; creates the last

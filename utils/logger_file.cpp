@@ -57,7 +57,7 @@ logdetail::FileNaming LoggerFile::Naming() const { return {mLogDir, mLogDirLen, 
 FILE* LoggerFile::getFile() {
   if (mCurFile.fp != nullptr) {
     // Never rotated by the date: a named file keeps its time tag for life.
-    if (!mCurFile.Outgrown(mMaxFileSize) && !mCurFile.Vanished()) return mCurFile.fp;
+    if (!mCurFile.MustRotate(mMaxFileSize)) return mCurFile.fp;
     char rotated[kPathSize];
     mCurFile.RotateOut(Naming(), 328, rotated);
     printf("update loggerfile ,rename  [%s] to [%s] ...... \n", mCurFile.path, rotated);
@@ -80,8 +80,9 @@ void LoggerFile::Write(LogFileInfo* info) {
     printf("%s %d: fp is null \n", "operator()", 201);
     return;
   }
-  if (!PrintLine(fp, info->msg)) UpdateLogDir();
-  if (mFileMode) fflush(fp);
+  const int written = PrintLine(fp, info->msg.c_str());
+  if (written <= 0) UpdateLogDir();
+  if (mFileMode) mCurFile.Flushed(written, fflush(fp) == 0);
 }
 
 }  // namespace zel

@@ -78,18 +78,31 @@ void MakeDirectoryChain(const std::string& dir) {
   }
 }
 
-bool PrintLine(FILE* fp, const std::string& msg) {
-  const int written = fprintf(fp, "%s", msg.c_str());
-  if (written > 0) return true;
-  printf("zel log write error,ret[%d] \n", written);
-  return false;
+int PrintLine(FILE* fp, const char* text) {
+  const int written = fprintf(fp, "%s", text);
+  if (written <= 0) printf("zel log write error,ret[%d] \n", written);
+  return written;
 }
 
-bool RotatingFile::Outgrown(int32_t maxSize) const {
-  return static_cast<int>(ftell(fp)) > maxSize;
+bool RotatingFile::MustRotate(int32_t maxSize) {
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return true;
+  long position = expectedSize;
+  const bool same = st.st_dev == device && st.st_ino == inode;
+  if (!same || st.st_size != expectedSize) {
+    // Another file under the path, or someone else wrote to or cut ours.
+    position = ftell(fp);
+    // Appends land at the end: after the next line the position is the size
+    // as of now plus that line.
+    expectedSize = same ? static_cast<long>(st.st_size) : -1;
+  }
+  return static_cast<int>(position) > maxSize;
 }
 
-bool RotatingFile::Vanished() const { return !IsRegularFile(path); }
+void RotatingFile::Flushed(int written, bool flushed) {
+  if (expectedSize < 0) return;
+  expectedSize = written > 0 && flushed ? expectedSize + written : -1;
+}
 
 void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
                              char (&rotated)[kPathSize]) {
@@ -124,6 +137,14 @@ void RotatingFile::Name(char (&out)[kPathSize], const FileNaming& naming, const 
 
 FILE* RotatingFile::Open() {
   fp = fopen(path, "a");
+  struct stat st;
+  if (fp != nullptr && fstat(fileno(fp), &st) == 0) {
+    device = st.st_dev;
+    inode = st.st_ino;
+    expectedSize = static_cast<long>(st.st_size);
+  } else {
+    expectedSize = -1;
+  }
   return fp;
 }
 

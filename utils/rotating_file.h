@@ -3,6 +3,8 @@
 // Internal to those two classes; installed because LoggerFile holds one.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -25,9 +27,10 @@ std::string TimeTag(const struct tm& local);
 // Creates every missing directory along `dir` (mkdir 0755), stopping with
 // "mkdir error,[%s]\n" at the first failure. Paths over 255 characters are left alone.
 void MakeDirectoryChain(const std::string& dir);
-// fprintf of one line; on a failed write says so on standard output
-// ("zel log write error,ret[%d] \n") and returns false.
-bool PrintLine(FILE* fp, const std::string& msg);
+// fprintf of one line (up to its first NUL); returns fprintf's result, and
+// when that is not positive says so on standard output
+// ("zel log write error,ret[%d] \n").
+int PrintLine(FILE* fp, const char* text);
 
 // How one writer names its files: the first `dirLen` characters of `dir`,
 // then "<stem>.<timeTag>.txt" for the current file and "<stem>.<timeTag>.<n>"
@@ -46,10 +49,15 @@ struct FileNaming {
 // the first cut name once on standard output
 // ("log file name cut to 255 characters: [%s]\n").
 struct RotatingFile {
-  // The position is past `maxSize` (read as a 32-bit int, as it always was).
-  bool Outgrown(int32_t maxSize) const;
-  // The path no longer names a regular file (removed or moved away).
-  bool Vanished() const;
+  // The file must be moved aside: its position is past `maxSize` (read as a
+  // 32-bit int, as it always was) or its path no longer names a regular file
+  // (removed or moved away). One stat of the path answers both while the
+  // path names this file and its size is what this writer made it; anything
+  // else also asks the stream for its position.
+  bool MustRotate(int32_t maxSize);
+  // Tells what the writer did since the last check: printed `written` (the
+  // fprintf result) and flushed, `flushed` saying whether that worked.
+  void Flushed(int written, bool flushed);
   // Closes the file and renames it to rotation number `index`, inside
   // naming's directory, leaving that name in `rotated`; a failed rename
   // prints "%s %d,rename error\n" with "getFile" and `renameErrorLine` and
@@ -76,6 +84,11 @@ struct RotatingFile {
   void Name(char (&out)[kPathSize], const FileNaming& naming, const char* last);
 
   bool cutReported = false;
+  // Which file `fp` is, and the size it has if only this writer appended to
+  // it since it was opened; -1 when unknown (a failed write or flush).
+  dev_t device = 0;
+  ino_t inode = 0;
+  long expectedSize = -1;
 };
 
 }  // namespace logdetail

@@ -11,6 +11,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "utils/local_time.h"
 #include "utils/logger.h"
 
 namespace zel {
@@ -45,28 +46,11 @@ long long NowMicros() {
   return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
-// Which local time zone is in force. tzset() rewrites these whenever the
-// rules change (a laptop that travels), so comparing them is a cheap way to
-// notice a move without localtime_r's process-wide lock on every line.
-struct ZoneStamp {
-  long offset;
-  int daylight;
-  const char* standardName;
-  const char* summerName;
-  bool operator==(const ZoneStamp& other) const {
-    return offset == other.offset && daylight == other.daylight &&
-           standardName == other.standardName && summerName == other.summerName;
-  }
-};
-
-ZoneStamp CurrentZone() { return {timezone, daylight, tzname[0], tzname[1]}; }
-
 // The parts of the line prefix that change at most once a second (or when
 // the zone moves), per thread: "[M-D hh:mm:ss." and "][tid:N] ". The
 // milliseconds go in between.
 struct PrefixCache {
-  time_t second = -1;
-  ZoneStamp zone{};
+  uint64_t conversion = 0;  // of the local time `head` was made from
   char head[64] = {};
   size_t headLen = 0;
   char tail[64] = {};
@@ -83,17 +67,14 @@ size_t FormatPrefix(char* out, long long micros, time_t seconds) {
     cache.tailLen = static_cast<size_t>(
         snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
   }
-  const ZoneStamp zone = CurrentZone();
-  if (seconds != cache.second || !(zone == cache.zone)) {
-    struct tm local {};
-    localtime_r(&seconds, &local);
+  const zel::logdetail::LocalSecond& now = zel::logdetail::LocalTimeAt(seconds);
+  if (now.conversion != cache.conversion) {
+    const struct tm& local = now.local;
     cache.headLen = static_cast<size_t>(snprintf(cache.head, sizeof(cache.head),
                                                  "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
                                                  local.tm_mday, local.tm_hour, local.tm_min,
                                                  local.tm_sec));
-    cache.second = seconds;
-    // As of this conversion: the first one in the process sets the zone up.
-    cache.zone = CurrentZone();
+    cache.conversion = now.conversion;
   }
   const long millis = static_cast<long>((micros / 1000) % 1000);
   size_t len = cache.headLen;
@@ -129,7 +110,7 @@ __attribute__((noinline)) void FormatAndQueue(int level, int toBackends, const c
     if (logger == nullptr) return;
     gLogger.store(logger, std::memory_order_release);
   }
-  logger->Log(std::string(line, len), level, toBackends != 0);
+  logger->Log(line, len, level, toBackends != 0);
 }
 
 }  // namespace
