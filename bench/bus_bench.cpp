@@ -1,4 +1,4 @@
-// Message bus and named events: how many messages per second the bus delivers
+// Message bus, named events and timers: how many messages per second the bus delivers
 // (each delivery costs one thread, which the bus thread waits for), what a
 // bare thread start costs for comparison, and how long a sent event takes to
 // reach its callback.
@@ -16,6 +16,7 @@
 
 #include "utils/event_manager.h"
 #include "utils/msg_bus.h"
+#include "utils/timer.h"
 
 namespace {
 
@@ -102,6 +103,21 @@ void BM_PublishWithPendingMessages(benchmark::State& state) {
   bus.Stop();
 }
 BENCHMARK(BM_PublishWithPendingMessages)
+    ->Arg(0)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->ArgName("pending")
+    ->Iterations(200)
+    ->Unit(benchmark::kMicrosecond);
+
+// One Timer::Start while N timers are pending, all due later than an hour.
+void BM_TimerStartWithPendingTimers(benchmark::State& state) {
+  zel::Timer timer;
+  const auto nothing = [](unsigned long long, void*) {};
+  for (long long i = 0; i < state.range(0); ++i) timer.Start(3600000 + i, nothing, false, nullptr);
+  for (auto _ : state) timer.Start(7200000, nothing, false, nullptr);
+}
+BENCHMARK(BM_TimerStartWithPendingTimers)
     ->Arg(0)
     ->Arg(1000)
     ->Arg(10000)

@@ -197,6 +197,44 @@ TEST(MsgBus, PublishStampsWhenWithNowPlusDelay) {
   EXPECT_EQ(0, bus.Stop());
 }
 
+// Publishing a queued message again gives it a new due time, and the sort
+// that follows moves its earlier entry along: both are delivered now, ahead
+// of a message due in between.
+TEST(MsgBus, MessagePublishedAgainWhileQueuedMovesItsEarlierEntryToo) {
+  DeliveryLog log;
+  auto sub = MakeRecorder("s", log);
+  zel::MsgBus bus;
+  bus.Subscribe(kType, sub);
+  ASSERT_EQ(0, bus.Start());
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1), 3000));
+  auto again = std::make_shared<TestMsg>(kType, 2);
+  ASSERT_EQ(0, bus.PublishMsg(again, 60000));
+  ASSERT_EQ(0, bus.PublishMsg(again));
+  ASSERT_TRUE(log.WaitForCount(2, 2500ms));
+  EXPECT_EQ((std::vector<std::string>{"s:2", "s:2"}), log.Names());
+  EXPECT_EQ(0, bus.Stop());
+}
+
+// A refused publication still stamps the message; the next accepted one
+// sorts the queue by the stamped times.
+TEST(MsgBus, RefusedPublicationOfAQueuedMessageCountsAtTheNextSort) {
+  DeliveryLog log;
+  auto sub = MakeRecorder("s", log);
+  zel::MsgBus bus;
+  bus.Subscribe(kType, sub);
+  ASSERT_EQ(0, bus.Start());
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1), 3000));
+  auto again = std::make_shared<TestMsg>(kType, 2);
+  ASSERT_EQ(0, bus.PublishMsg(again, 60000));
+  ASSERT_EQ(0, bus.Stop());
+  EXPECT_EQ(-1, bus.PublishMsg(again));
+  ASSERT_EQ(0, bus.Start());
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 3)));
+  ASSERT_TRUE(log.WaitForCount(2, 2500ms));
+  EXPECT_EQ((std::vector<std::string>{"s:2", "s:3"}), log.Names());
+  EXPECT_EQ(0, bus.Stop());
+}
+
 TEST(MsgBus, NullMessageIsRefused) {
   zel::MsgBus bus;
   ASSERT_EQ(0, bus.Start());

@@ -1,5 +1,6 @@
 #include "utils/msg_bus.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 
@@ -17,6 +18,7 @@ bool IsDue(const BaseMsg& msg, long long now) { return msg.when < 0 || msg.when 
 bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg>& b) {
   return a->when < b->when;
 }
+
 
 }  // namespace
 
@@ -83,16 +85,39 @@ int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
 
 int MsgBus::EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (loop.Stopped()) return -1;
+  if (loop.Stopped()) {
+    // Its new `when` still counts at the next publication's sort.
+    if (queued.count(msg.get()) != 0) resortPending = true;
+    return -1;
+  }
   EnqueueSorted(std::move(msg));
   cond.notify_one();
   return 0;
 }
 
 void MsgBus::EnqueueSorted(std::shared_ptr<BaseMsg> msg) {
-  queue->push_back(std::move(msg));
-  // list::sort is stable: equal due times keep their publication order.
-  queue->sort(EarlierDue);
+  const bool alreadyQueued = queued[msg.get()]++ > 0;
+  if (alreadyQueued || resortPending) {
+    ResortLocked(std::move(msg));
+    return;
+  }
+  // Logarithmic and stable: the place a full stable sort would give it.
+  const long long when = msg->when;
+  queue->emplace(when, std::move(msg));
+}
+
+void MsgBus::ResortLocked(std::shared_ptr<BaseMsg> msg) {
+  Batch all;
+  all.reserve(queue->size() + 1);
+  for (auto& entry : *queue) all.push_back(std::move(entry.second));
+  all.push_back(std::move(msg));
+  std::stable_sort(all.begin(), all.end(), EarlierDue);
+  queue->clear();
+  for (auto& entry : all) {
+    const long long when = entry->when;
+    queue->emplace_hint(queue->end(), when, std::move(entry));
+  }
+  resortPending = false;
 }
 
 void MsgBus::EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg) {
@@ -106,17 +131,14 @@ void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
 
 void MsgBus::process() {
   while (loop.ShouldRun()) {
-    Queue batch;
+    Batch batch;
     {
       std::unique_lock<std::mutex> lock(mutex);
       if (queue->empty()) {
         WaitUpToOneSecond(lock);
         if (queue->empty()) continue;
       }
-      const long long now = WallClockMs();
-      while (!queue->empty() && queue->front() && IsDue(*queue->front(), now)) {
-        batch.splice(batch.end(), *queue, queue->begin());
-      }
+      TakeDueLocked(WallClockMs(), batch);
     }
     if (batch.empty()) {
       // The head lies in the future: sleep until a publication or a second passed.
@@ -128,10 +150,19 @@ void MsgBus::process() {
   }
 }
 
-void MsgBus::Deliver(Queue& batch) {
-  while (!batch.empty()) {
-    std::shared_ptr<BaseMsg> msg = std::move(batch.front());
-    batch.pop_front();
+void MsgBus::TakeDueLocked(long long now, Batch& batch) {
+  while (!queue->empty() && IsDue(*queue->begin()->second, now)) {
+    const auto front = queue->begin();
+    const auto entries = queued.find(front->second.get());
+    if (--entries->second == 0) queued.erase(entries);
+    batch.push_back(std::move(front->second));
+    queue->erase(front);
+  }
+}
+
+void MsgBus::Deliver(Batch& batch) {
+  for (std::shared_ptr<BaseMsg>& slot : batch) {
+    std::shared_ptr<BaseMsg> msg = std::move(slot);
     // After a Stop (or a restart on a newer thread) the rest of the batch is
     // released undelivered.
     if (!loop.ShouldRun() || !msg || subscribers.empty()) continue;

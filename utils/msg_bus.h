@@ -10,6 +10,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
+#include <vector>
 
 #include "utils/export.h"
 #include "utils/loop_thread.h"
@@ -79,20 +81,34 @@ class ZEL_API MsgBus {
   void process();
 
  private:
-  using Queue = std::list<std::shared_ptr<BaseMsg>>;
+  // Pending messages by due time; equal times in publication order (a
+  // multimap inserts after its equal keys).
+  using Queue = std::multimap<long long, std::shared_ptr<BaseMsg>>;
+  using Batch = std::vector<std::shared_ptr<BaseMsg>>;
 
   int EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg);
   void EnqueueSorted(std::shared_ptr<BaseMsg> msg);
   void EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg);
+  // Sorts the whole queue again by each message's `when` (stably), for a
+  // message published again while still queued: its earlier entries move too.
+  void ResortLocked(std::shared_ptr<BaseMsg> msg);
+  // Moves the messages due at `now` from the front of the queue into `batch`.
+  void TakeDueLocked(long long now, Batch& batch);
   void WaitUpToOneSecond(std::unique_lock<std::mutex>& lock);
-  void Deliver(Queue& batch);
+  void Deliver(Batch& batch);
 
   std::condition_variable cond;
   std::mutex mutex;
   // The bus thread: its start, stop and identity (for "am I the bus thread?").
   LoopThread loop;
-  // Pending messages, kept sorted by `when` (stable: ties in publication order).
+  // Pending messages. Guarded by mutex, except for the bus thread's own
+  // delayed publications.
   std::unique_ptr<Queue> queue;
+  // How many entries of `queue` each message has; guarded like `queue`.
+  std::unordered_map<const BaseMsg*, size_t> queued;
+  // A queued message got a new `when` without a sort (its publication was
+  // refused): the next publication sorts everything. Guarded like `queue`.
+  bool resortPending = false;
   std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
 };
 

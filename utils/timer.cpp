@@ -9,8 +9,6 @@ namespace {
 // Taken when the library is loaded.
 const std::chrono::steady_clock::time_point base_clock = std::chrono::steady_clock::now();
 
-bool DueEarlier(const TimerMsg& a, const TimerMsg& b) { return a.due < b.due; }
-
 // now + interval, held at LLONG_MAX instead of overflowing: a due time too
 // large to represent is never before now. (Now is never negative, so only a
 // positive interval can overflow.)
@@ -57,27 +55,27 @@ unsigned long long Timer::Start(long long interval_ms,
 void Timer::Stop(unsigned long long id) {
   std::lock_guard<std::mutex> lock(mutex);
   for (auto it = timers.begin(); it != timers.end(); ++it) {
-    if (it->id == id) {
+    if (it->second.id == id) {
       timers.erase(it);
       return;
     }
   }
 }
 
-// Caller holds the mutex. std::list::sort is stable: equal due times keep
-// their starting order.
+// Caller holds the mutex. Logarithmic and stable: the place a full stable
+// sort would give it.
 void Timer::InsertSorted(TimerMsg record) {
-  timers.push_back(std::move(record));
-  timers.sort(DueEarlier);
+  const long long due = record.due;
+  timers.emplace(due, std::move(record));
 }
 
 // Caller holds the mutex. Takes every timer due strictly before now; a
 // repeating one goes back in, re-armed from now.
 std::list<TimerMsg> Timer::CollectDue() {
   std::list<TimerMsg> fired;
-  while (!timers.empty() && timers.front().due < TimerNowMs()) {
-    fired.push_back(timers.front());
-    timers.pop_front();
+  while (!timers.empty() && timers.begin()->second.due < TimerNowMs()) {
+    fired.push_back(std::move(timers.begin()->second));
+    timers.erase(timers.begin());
     if (fired.back().repeat) {
       TimerMsg again = fired.back();
       again.due = DueAfter(again.interval);

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -57,7 +58,9 @@ class ZEL_API Timer {
   std::list<TimerMsg> CollectDue();
 
   std::unique_ptr<std::thread> thread;
-  std::list<TimerMsg> timers;  // sorted by due time, stable
+  // By due time; equal times in starting order (a multimap inserts after
+  // its equal keys). Guarded by mutex.
+  std::multimap<long long, TimerMsg> timers;
   std::mutex mutex;
   std::chrono::steady_clock::time_point created;
   unsigned long long next_id = 1;
