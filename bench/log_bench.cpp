@@ -201,6 +201,13 @@ std::string MakeTempDir(const char* name) {
   return pattern + "/";
 }
 
+// "RESULT <key> <value>" lines, which bench/run.sh gathers into its table.
+void PrintResult(const std::string& who, int threads, const Result& r) {
+  const std::string key = who + "." + std::to_string(threads);
+  printf("RESULT %s.median_ns %.0f\nRESULT %s.p99_ns %.0f\nRESULT %s.lines_per_s %.0f\n",
+         key.c_str(), r.medianNs, key.c_str(), r.p99Ns, key.c_str(), r.linesPerSecond);
+}
+
 void PrintRow(const char* name, int threads, const Result& r, const Result* base) {
   printf("%-28s %7d %11.0f %10.0f %13.0f", name, threads, r.medianNs, r.p99Ns, r.linesPerSecond);
   if (base != nullptr && base->linesPerSecond > 0) {
@@ -269,6 +276,12 @@ int main() {
 #endif
 
   for (int k = 0; k < 2; ++k) {
+    PrintResult("log_print", threadCounts[k], zel[k]);
+#if defined(ZEL_BENCH_HAVE_SPDLOG)
+    PrintResult("spdlog", threadCounts[k], spd[0][k]);
+#endif
+  }
+  for (int k = 0; k < 2; ++k) {
     PrintRow("log_print", threadCounts[k], zel[k], nullptr);
 #if defined(ZEL_BENCH_HAVE_SPDLOG)
     for (int c = 0; c < 2; ++c) PrintRow(cases[c].name, threadCounts[k], spd[c][k], &zel[k]);
@@ -286,7 +299,13 @@ int main() {
          "floor + path check", 1, "-", "-", floorStat, zel[0].linesPerSecond / floorStat,
          zel[1].linesPerSecond / floorStat);
 
-  printf("\nsnprintf of the text alone, timed the same way: median %.0f ns\n", FormatMedianNs());
+  printf("RESULT floor.lines_per_s %.0f\nRESULT floor_check.lines_per_s %.0f\n", floor, floorStat);
+  const double formatNs = FormatMedianNs();
+  printf("RESULT format.median_ns %.0f\nRESULT log_print.filtered_ns %.2f\n", formatNs, zelFiltered);
+#if defined(ZEL_BENCH_HAVE_SPDLOG)
+  printf("RESULT spdlog.filtered_ns %.2f\n", spdFiltered);
+#endif
+  printf("\nsnprintf of the text alone, timed the same way: median %.0f ns\n", formatNs);
   printf("filtered-out call: log_print %.2f ns", zelFiltered);
 #if defined(ZEL_BENCH_HAVE_SPDLOG)
   printf(", spdlog %.2f ns (log_print x%.2f)", spdFiltered, spdFiltered / zelFiltered);

@@ -194,14 +194,15 @@ int main(int argc, char** argv) {
   const int runs = argc > 1 ? std::max(1, atoi(argv[1])) : 3;
   struct Contender {
     const char* name;
+    const char* key;
     Result (*run)(int);
   };
   std::vector<Contender> contenders = {
-      {"Looper::PostMessageAAA", RunLooper},
+      {"Looper::PostMessageAAA", "looper", RunLooper},
 #if defined(ZEL_BENCH_HAVE_ASIO)
-      {"asio io_context::post", RunAsio},
+      {"asio io_context::post", "asio", RunAsio},
 #endif
-      {"mutex+cv+deque", RunPlain},
+      {"mutex+cv+deque", "plain", RunPlain},
   };
   if (argc > 2) {
     std::vector<Contender> only;
@@ -222,6 +223,9 @@ int main(int argc, char** argv) {
       medians.push_back(Median(all));
     }
     for (size_t i = 0; i < contenders.size(); ++i) {
+      // "RESULT <key> <value>" lines, which bench/run.sh gathers into its table.
+      printf("RESULT %s.%d.posts_per_s %.0f\nRESULT %s.%d.p99_ns %.0f\n", contenders[i].key,
+             producers, medians[i].postsPerSecond, contenders[i].key, producers, medians[i].p99Ns);
       PrintRow(contenders[i].name, producers, medians[i], i == 0 ? nullptr : &medians[0]);
     }
   }

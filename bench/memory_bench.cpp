@@ -92,6 +92,14 @@ int main() {
   const long residentQueued = ResidentKiB();
   sink.Release();
   zel::Logger::GetInstance()->RemoveBackend(&sink);
+  // The writer passes a line to the sinks once every earlier one is written:
+  // when this one is held, the directory can go.
+  HoldingSink last;
+  zel::Logger::GetInstance()->AddBackend(&last);
+  log_print(3, 1, "last line");
+  last.WaitHeld();
+  last.Release();
+  zel::Logger::GetInstance()->RemoveBackend(&last);
 
   const double perLine = static_cast<double>(heapQueued - heapBefore) / kQueuedLines;
   printf("heap bytes per queued line: %.1f for a line of %zu bytes (line + %.1f; target line + 96)\n",
@@ -99,6 +107,8 @@ int main() {
   printf("resident size: %ld KiB before the log, %ld KiB idle after starting it (+%ld KiB), "
          "%ld KiB with %d lines queued\n",
          residentBefore, residentIdle, residentIdle - residentBefore, residentQueued, kQueuedLines);
+  printf("RESULT memory.line_overhead_bytes %.1f\nRESULT memory.idle_rss_kib %ld\n",
+         perLine - static_cast<double>(lineLength), residentIdle);
   std::filesystem::remove_all(dir);
   return 0;
 }
