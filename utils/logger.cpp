@@ -5,11 +5,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <new>
-
 #include "utils/local_time.h"
 #include "utils/process_info.h"
+#include "utils/queued_line.h"
 
 namespace zel {
 
@@ -26,32 +24,6 @@ std::string& Logger::mDirPrefix = *new std::string();
 std::string& Logger::mFixedDirPrefix = *new std::string();
 
 using namespace logdetail;
-
-// The text follows the object in the same allocation, NUL-terminated.
-class Logger::Line final : public Message {
- public:
-  // A message carrying a copy of `length` characters at `text`.
-  static std::unique_ptr<Message> Make(Logger* logger, const char* text, size_t length,
-                                       bool toBackends) {
-    void* memory = ::operator new(sizeof(Line) + length + 1);
-    Line* line = new (memory) Line(logger, length, toBackends);
-    memcpy(line->Text(), text, length);
-    line->Text()[length] = '\0';
-    return std::unique_ptr<Message>(line);
-  }
-  // Paired with Make's allocation; found through the virtual destructor.
-  static void operator delete(void* memory) { ::operator delete(memory); }
-
-  void Run() override { logger->Write(Text(), length, toBackends); }
-
- private:
-  Line(Logger* owner, size_t size, bool sinks) : logger(owner), length(size), toBackends(sinks) {}
-  char* Text() { return reinterpret_cast<char*>(this + 1); }
-
-  Logger* const logger;
-  const size_t length;
-  const bool toBackends;
-};
 
 std::string BuildLogPath(const std::string& sub) {
   std::string path = "/Users/";
@@ -112,7 +84,11 @@ int Logger::Log(std::string&& msg, int level, bool toBackends) {
 
 int Logger::Log(const char* text, size_t length, int level, bool toBackends) {
   (void)level;  // stored by the record clients know, never read
-  return mLooper->PostMessageAAA(Line::Make(this, text, length, toBackends));
+  return mLooper->PostMessageAAA(QueuedLine::Make(&WriteLine, this, text, length, toBackends));
+}
+
+void Logger::WriteLine(void* logger, const char* text, size_t length, bool toBackends) {
+  static_cast<Logger*>(logger)->Write(text, length, toBackends);
 }
 
 void Logger::AddBackend(LogBackend* backend) {

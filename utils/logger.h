@@ -69,7 +69,8 @@ class ZEL_API Logger : public LogBackend {
   // Queue `msg` for writing: level 3, not to the sinks. 0 posted, -1 refused.
   int Log(const std::string& msg) override;
   int Log(const std::string& msg, int level, bool toBackends) override;
-  // The same, taking the text over instead of copying it.
+  // The same for a temporary: its text is copied into the line's own
+  // allocation like any other.
   int Log(std::string&& msg, int level, bool toBackends);
   // The same for `length` characters at `text`, copied: one allocation per
   // line, whatever its length. Can be called on any thread.
@@ -101,10 +102,10 @@ class ZEL_API Logger : public LogBackend {
   static std::string& mFixedDirPrefix;
 
  private:
-  class Line;  // one queued line: the message and its text in one allocation
-
-  // The writer: one line, on the Logger's thread.
+  // The writer: one line, on the Logger's thread. WriteLine is how a queued
+  // line (one allocation with its text) reaches it.
   void Write(const char* text, size_t length, bool toBackends);
+  static void WriteLine(void* logger, const char* text, size_t length, bool toBackends);
   // Whether today's local date is no longer mDay. Logger thread only.
   bool DateChanged();
   // How this Logger's files are named right now.

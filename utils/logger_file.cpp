@@ -1,5 +1,7 @@
 #include "utils/logger_file.h"
 
+#include "utils/queued_line.h"
+
 namespace zel {
 
 using namespace logdetail;
@@ -12,7 +14,7 @@ LoggerFile::LoggerFile(const std::string& dir) : mDir(dir), mTimeTag(TimeTag(Loc
 }
 
 LoggerFile::~LoggerFile() {
-  if (mHandler) mHandler->looper->Stop();
+  if (mLooper) mLooper->Stop();
   // Once the writer is stopped: a destroyed named log keeps no descriptor.
   mCurFile.Close();
   if (mFp != nullptr) fclose(mFp);
@@ -23,16 +25,17 @@ int LoggerFile::init() {
   UpdateLogDir();
   mLogDirLen = mLogDir.size();
   mFileMode = true;
-  mHandler =
-      std::make_unique<Handler<LogFileInfo>>([this](LogFileInfo* info) { Write(info); });
-  mHandler->looper->Start();
+  mLooper = std::make_unique<Looper>();
+  mLooper->Start();
   return 0;
 }
 
 int LoggerFile::Log(const std::string& msg) { return Log(msg, 3, false); }
 
 int LoggerFile::Log(const std::string& msg, int level, bool toBackends) {
-  return mHandler->Post(new LogFileInfo{msg, level, toBackends});
+  (void)level;  // stored by the record clients know, never read
+  return mLooper->PostMessageAAA(
+      QueuedLine::Make(&WriteLine, this, msg.data(), msg.size(), toBackends));
 }
 
 void LoggerFile::SetName(const std::string& name) { mName = name; }
@@ -74,13 +77,17 @@ void LoggerFile::updateLogFile(unsigned char index) {
   mCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
 }
 
-void LoggerFile::Write(LogFileInfo* info) {
+void LoggerFile::WriteLine(void* file, const char* text, size_t, bool) {
+  static_cast<LoggerFile*>(file)->Write(text);
+}
+
+void LoggerFile::Write(const char* text) {
   FILE* fp = mFileMode ? getFile() : stderr;
   if (fp == nullptr) {
     printf("%s %d: fp is null \n", "operator()", 201);
     return;
   }
-  const int written = PrintLine(fp, info->msg.c_str());
+  const int written = PrintLine(fp, text);
   if (written <= 0) UpdateLogDir();
   if (mFileMode) mCurFile.Flushed(written, fflush(fp) == 0);
 }

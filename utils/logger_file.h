@@ -22,7 +22,8 @@ namespace zel {
 
 class ZEL_API LoggerFile {
  public:
-  // One queued line; only `msg` is read by the writer.
+  // The record of a queued line that clients know; queued lines travel as
+  // messages that carry their text inline (one allocation each).
   struct LogFileInfo {
     std::string msg;
     int level = 3;
@@ -61,7 +62,10 @@ class ZEL_API LoggerFile {
   static std::mutex sMutex;
 
  private:
-  void Write(LogFileInfo* info);
+  // The writer: one line, on this instance's thread. WriteLine is how a
+  // queued line reaches it.
+  void Write(const char* text);
+  static void WriteLine(void* file, const char* text, size_t length, bool toBackends);
   // How this instance's files are named.
   logdetail::FileNaming Naming() const;
 
@@ -78,7 +82,9 @@ class ZEL_API LoggerFile {
   int32_t mMaxFileSize = 5242880;
   FILE* mFp = nullptr;  // never opened
   std::string mUnused2;
-  std::unique_ptr<Handler<LogFileInfo>> mHandler;
+  // The writer's loop, made by init(); Log reads it unlocked, so init() is
+  // not called again while lines are logged.
+  std::unique_ptr<Looper> mLooper;
   // The open current file, its path and its next rotation number.
   logdetail::RotatingFile mCurFile;
 };
