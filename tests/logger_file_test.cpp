@@ -2,7 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,6 +18,21 @@
 #include <vector>
 
 #include "support/log_files.h"
+
+// statx as the C library has it, unless a test makes it look absent
+// (ENOSYS), as on kernels and sandboxes without it.
+std::atomic<bool> gStatxMissing{false};
+
+extern "C" int statx(int dirfd, const char* path, int flags, unsigned int mask,
+                     struct statx* out) {
+  if (gStatxMissing) {
+    errno = ENOSYS;
+    return -1;
+  }
+  using Statx = int (*)(int, const char*, int, unsigned int, struct statx*);
+  static const Statx system = reinterpret_cast<Statx>(dlsym(RTLD_NEXT, "statx"));
+  return system(dirfd, path, flags, mask, out);
+}
 
 namespace {
 
@@ -213,6 +234,28 @@ TEST(LoggerFile, LargeFileMovedInUnderTheCurrentNameIsNotRotatedForItsSize) {
   std::vector<std::string> expected{"moved", name};
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(expected, FileNames(dir.path()));
+}
+
+TEST(LoggerFile, WithoutStatxTheChecksFallBackToStat) {
+  gStatxMissing = true;
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  file.Log("two\n");
+  const std::string name = CurrentName(dir.path());
+  const std::string stem = name.substr(0, name.size() - 3);
+  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "one\ntwo\n"; }));
+  EXPECT_EQ(std::vector<std::string>{name}, FileNames(dir.path()));
+
+  file.Log(Line('a', kMaxFileSize + 1));
+  file.Log("B");
+  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "B"; }));
+  EXPECT_EQ(kMaxFileSize + 1 + 8, ReadFile(dir.path() + stem + "0").size());
+  ASSERT_EQ(0, std::remove((dir.path() + name).c_str()));
+  file.Log("C");
+  ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "C"));
+  EXPECT_EQ("C", ReadFile(dir.path() + name));
+  gStatxMissing = false;
 }
 
 TEST(LoggerFile, EmptyMessagePrintsWriteError) {
