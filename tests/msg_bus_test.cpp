@@ -676,9 +676,8 @@ constexpr int kStressPerSecond = 8000;
 TEST(MsgBus, StressFourPublishersThreeSubscribersEachMessageOnceInDueOrder) {
   constexpr int kPublishers = 4;
   constexpr int kPerPublisher = kStressPerPublisher;
-  // Publishers keep to a pace the deliveries (one thread each) can follow:
-  // every publication re-sorts the whole queue, so an unbounded backlog would
-  // make the test measure sorting rather than the bus.
+  // Publishers keep to a pace the deliveries (one thread each) can follow,
+  // so that the test measures the bus rather than an unbounded backlog.
   constexpr auto kInterval = std::chrono::microseconds(1000000LL * kPublishers / kStressPerSecond);
   constexpr int kTotal = kPublishers * kPerPublisher;
 
