@@ -28,3 +28,17 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 run_step(c++ -std=c++17 ${CONSUMER_SOURCE}/main.cpp ${flags} -pthread
          -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer_pc)
 run_step(${WORK_DIR}/consumer_pc)
+
+# The runtime component alone: the shared library and its documents, no
+# headers, link name, CMake package, pkg-config file or stand-in.
+set(runtime ${WORK_DIR}/runtime)
+run_step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${runtime} --component Runtime)
+file(GLOB_RECURSE installed RELATIVE ${runtime} ${runtime}/*)
+foreach(path ${installed})
+  if(NOT path MATCHES "/libzel_utils\\.so\\.[0-9.]+$" AND NOT path MATCHES "^share/doc/zel_utils/")
+    message(FATAL_ERROR "the Runtime component installs ${path}")
+  endif()
+endforeach()
+if(NOT installed MATCHES "libzel_utils\\.so\\.")
+  message(FATAL_ERROR "the Runtime component installs no libzel_utils: ${installed}")
+endif()
