@@ -19,6 +19,7 @@
 
 #include "support/log_files.h"
 
+#if defined(__linux__)
 // statx as the C library has it, unless a test makes it look absent
 // (ENOSYS), as on kernels and sandboxes without it.
 std::atomic<bool> gStatxMissing{false};
@@ -33,6 +34,7 @@ extern "C" int statx(int dirfd, const char* path, int flags, unsigned int mask,
   static const Statx system = reinterpret_cast<Statx>(dlsym(RTLD_NEXT, "statx"));
   return system(dirfd, path, flags, mask, out);
 }
+#endif
 
 namespace {
 
@@ -236,6 +238,7 @@ TEST(LoggerFile, LargeFileMovedInUnderTheCurrentNameIsNotRotatedForItsSize) {
   EXPECT_EQ(expected, FileNames(dir.path()));
 }
 
+#if defined(__linux__)
 TEST(LoggerFile, WithoutStatxTheChecksFallBackToStat) {
   gStatxMissing = true;
   zeltest::TempDir dir;
@@ -257,6 +260,7 @@ TEST(LoggerFile, WithoutStatxTheChecksFallBackToStat) {
   EXPECT_EQ("C", ReadFile(dir.path() + name));
   gStatxMissing = false;
 }
+#endif
 
 TEST(LoggerFile, EmptyMessagePrintsWriteError) {
   zeltest::TempDir dir;
