@@ -5,12 +5,7 @@
 set(root ${WORK_DIR}/root)
 file(REMOVE_RECURSE ${WORK_DIR})
 
-function(run_step)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "step failed (${result}): ${ARGN}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/steps.cmake)
 
 function(pkg_config_answer out)
   execute_process(COMMAND pkg-config ${ARGN} zel_utils OUTPUT_VARIABLE answer

@@ -6,12 +6,7 @@ set(client ${WORK_DIR}/client)
 set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 
-function(run_step)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "step failed (${result}): ${ARGN}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/steps.cmake)
 
 file(MAKE_DIRECTORY ${client}/lib ${client}/include/client)
 file(COPY ${SOURCE_DIR}/client/orvane_log.h ${SOURCE_DIR}/client/tracer.h
