@@ -73,10 +73,16 @@ void BM_BusThroughput(benchmark::State& state) {
   }
   bus.Stop();
   state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["deliveries/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * kBatch * subscriber_count, benchmark::Counter::kIsRate);
+  state.counters["deliveries/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * kBatch * subscriber_count,
+                         benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_BusThroughput)->Arg(1)->Arg(4)->ArgName("subscribers")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BusThroughput)
+    ->Arg(1)
+    ->Arg(4)
+    ->ArgName("subscribers")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 // What one delivery costs in thread start and join alone, without the bus.
 void BM_AsyncThreadStartAndWait(benchmark::State& state) {

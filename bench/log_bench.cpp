@@ -234,14 +234,13 @@ int main() {
     zel[k] = RunProducers(threadCounts[k], zelCounter,
                           [](int i, int t) { log_print(3, 0, kFormat, i, t); });
   }
-  const double zelFiltered = FilteredNs([](long long i) {
-    log_print(7, 0, kFormat, static_cast<int>(i), 0);
-  });
+  const double zelFiltered =
+      FilteredNs([](long long i) { log_print(7, 0, kFormat, static_cast<int>(i), 0); });
 
   printf("%d lines of ~100 bytes per run; caller cost in ns; lines/s until all are on disk\n\n",
          kTotalLines);
-  printf("%-28s %7s %11s %10s %13s   %s\n", "logger", "threads", "median ns", "p99 ns",
-         "lines/s", "log_print vs this row");
+  printf("%-28s %7s %11s %10s %13s   %s\n", "logger", "threads", "median ns", "p99 ns", "lines/s",
+         "log_print vs this row");
 
 #if defined(ZEL_BENCH_HAVE_SPDLOG)
   struct SpdlogCase {
@@ -256,18 +255,16 @@ int main() {
     for (int k = 0; k < 2; ++k) {
       const std::string dir = MakeTempDir("spdlog_bench");
       spdlog::init_thread_pool(cases[c].queue, 1);
-      auto logger = spdlog::create_async<spdlog::sinks::basic_file_sink_mt>(
-          "bench", dir + "spdlog.txt");
+      auto logger =
+          spdlog::create_async<spdlog::sinks::basic_file_sink_mt>("bench", dir + "spdlog.txt");
       logger->set_pattern("[%m-%d %H:%M:%S.%e][tid:%t] %v");
       logger->flush_on(spdlog::level::trace);
       LineCounter counter(dir);
-      spd[c][k] = RunProducers(threadCounts[k], counter, [&logger](int i, int t) {
-        logger->info(kFormat, i, t);
-      });
+      spd[c][k] = RunProducers(threadCounts[k], counter,
+                               [&logger](int i, int t) { logger->info(kFormat, i, t); });
       if (c == 0 && k == 1) {
-        spdFiltered = FilteredNs([&logger](long long i) {
-          logger->debug(kFormat, static_cast<int>(i), 0);
-        });
+        spdFiltered =
+            FilteredNs([&logger](long long i) { logger->debug(kFormat, static_cast<int>(i), 0); });
       }
       spdlog::drop_all();
       std::filesystem::remove_all(dir);
@@ -301,7 +298,8 @@ int main() {
 
   printf("RESULT floor.lines_per_s %.0f\nRESULT floor_check.lines_per_s %.0f\n", floor, floorStat);
   const double formatNs = FormatMedianNs();
-  printf("RESULT format.median_ns %.0f\nRESULT log_print.filtered_ns %.2f\n", formatNs, zelFiltered);
+  printf("RESULT format.median_ns %.0f\nRESULT log_print.filtered_ns %.2f\n", formatNs,
+         zelFiltered);
 #if defined(ZEL_BENCH_HAVE_SPDLOG)
   printf("RESULT spdlog.filtered_ns %.2f\n", spdFiltered);
 #endif

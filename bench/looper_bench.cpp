@@ -95,9 +95,8 @@ Result RunLooper(int producers) {
   Done done;
   zel::Looper looper;
   looper.Start();
-  const Result r = RunProducers(producers, done, [&] {
-    looper.PostMessageAAA(std::make_unique<CountingMessage>(done));
-  });
+  const Result r = RunProducers(
+      producers, done, [&] { looper.PostMessageAAA(std::make_unique<CountingMessage>(done)); });
   looper.Stop();
   return r;
 }
@@ -198,11 +197,11 @@ int main(int argc, char** argv) {
     Result (*run)(int);
   };
   std::vector<Contender> contenders = {
-      {"Looper::PostMessageAAA", "looper", RunLooper},
+    {"Looper::PostMessageAAA", "looper", RunLooper},
 #if defined(ZEL_BENCH_HAVE_ASIO)
-      {"asio io_context::post", "asio", RunAsio},
+    {"asio io_context::post", "asio", RunAsio},
 #endif
-      {"mutex+cv+deque", "plain", RunPlain},
+    {"mutex+cv+deque", "plain", RunPlain},
   };
   if (argc > 2) {
     std::vector<Contender> only;
@@ -213,8 +212,8 @@ int main(int argc, char** argv) {
     if (contenders.empty()) return 2;
   }
   printf("%d posts per run, medians of %d runs; caller cost in ns\n\n", kTotalPosts, runs);
-  printf("%-26s %9s %13s %11s %10s   %s\n", "queue", "producers", "posts/s", "median ns",
-         "p99 ns", "Looper vs this row");
+  printf("%-26s %9s %13s %11s %10s   %s\n", "queue", "producers", "posts/s", "median ns", "p99 ns",
+         "Looper vs this row");
   for (int producers : {1, 2}) {
     std::vector<Result> medians;
     for (const Contender& c : contenders) {

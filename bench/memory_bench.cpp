@@ -102,11 +102,13 @@ int main() {
   zel::Logger::GetInstance()->RemoveBackend(&last);
 
   const double perLine = static_cast<double>(heapQueued - heapBefore) / kQueuedLines;
-  printf("heap bytes per queued line: %.1f for a line of %zu bytes (line + %.1f; target line + 96)\n",
-         perLine, lineLength, perLine - static_cast<double>(lineLength));
-  printf("resident size: %ld KiB before the log, %ld KiB idle after starting it (+%ld KiB), "
-         "%ld KiB with %d lines queued\n",
-         residentBefore, residentIdle, residentIdle - residentBefore, residentQueued, kQueuedLines);
+  printf(
+      "heap bytes per queued line: %.1f for a line of %zu bytes (line + %.1f; target line + 96)\n",
+      perLine, lineLength, perLine - static_cast<double>(lineLength));
+  printf(
+      "resident size: %ld KiB before the log, %ld KiB idle after starting it (+%ld KiB), "
+      "%ld KiB with %d lines queued\n",
+      residentBefore, residentIdle, residentIdle - residentBefore, residentQueued, kQueuedLines);
   printf("RESULT memory.line_overhead_bytes %.1f\nRESULT memory.idle_rss_kib %ld\n",
          perLine - static_cast<double>(lineLength), residentIdle);
   std::filesystem::remove_all(dir);

@@ -1,8 +1,8 @@
 // zel_demo: behaves like one of the client's processes and uses every
 // facility of libzel_utils in turn, printing what it does.
-#include <cstdio>
-
 #include "demo.h"
+
+#include <cstdio>
 
 int main() {
   std::printf("== zel_demo: a client process using libzel_utils ==\n");

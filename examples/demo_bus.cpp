@@ -20,7 +20,8 @@ long long WallMs() {
 
 // A bus message with a payload of its own.
 struct DeviceArrived : zel::BaseMsg {
-  explicit DeviceArrived(std::string device_name) : BaseMsg(kDeviceArrived), name(std::move(device_name)) {}
+  explicit DeviceArrived(std::string device_name)
+      : BaseMsg(kDeviceArrived), name(std::move(device_name)) {}
   std::string name;
 };
 
@@ -59,7 +60,8 @@ void demo::Bus() {
   // arrives between its due time and a second later.
   std::this_thread::sleep_for(std::chrono::milliseconds(1200));
   bus.Stop();
-  std::printf("  publishing after Stop returns %d\n", bus.PublishMsg(std::make_shared<DeviceArrived>("late")));
+  std::printf("  publishing after Stop returns %d\n",
+              bus.PublishMsg(std::make_shared<DeviceArrived>("late")));
 
   static char context[] = "device table";
   auto& events = zel::EventManager::getInstance();
@@ -70,5 +72,7 @@ void demo::Bus() {
   second.join();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   events.unregisterEvent("usb-plugged", &OnUsbPlugged);
-  std::printf("  two threads sent \"usb-plugged\"; its callback ran once per sending on the event thread\n");
+  std::printf(
+      "  two threads sent \"usb-plugged\"; its callback ran once per sending on the event "
+      "thread\n");
 }

@@ -10,7 +10,6 @@
 #include "utils/config_parser.h"
 #include "utils/key_store.h"
 
-
 void demo::Config() {
   std::printf("-- ConfigParser and application paths --\n");
   char pattern[] = "/tmp/zel_demo_config_XXXXXX";

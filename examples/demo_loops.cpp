@@ -9,7 +9,9 @@
 #include "utils/worker.h"
 
 namespace {
-void Greet(void* arg) { std::printf("  task ran on the loop with arg \"%s\"\n", static_cast<const char*>(arg)); }
+void Greet(void* arg) {
+  std::printf("  task ran on the loop with arg \"%s\"\n", static_cast<const char*>(arg));
+}
 }  // namespace
 
 void demo::Loops() {
@@ -33,7 +35,8 @@ void demo::Loops() {
 
   zel::Timer timer;
   std::atomic<int> ticks{0};
-  const auto id = timer.Start(100, [&ticks](unsigned long long, void*) { ++ticks; }, true, nullptr);
+  const auto id = timer.Start(
+      100, [&ticks](unsigned long long, void*) { ++ticks; }, true, nullptr);
   std::this_thread::sleep_for(std::chrono::milliseconds(650));
   timer.Stop(id);
   std::printf("  repeating 100 ms timer %llu fired %d times in 650 ms\n", id, ticks.load());

@@ -9,7 +9,6 @@
 #include "utils/zel_env.h"
 #include "utils/zel_tracer.h"
 
-
 namespace {
 // One call that reached the client's tracing library, content indented.
 void PrintTracerCall(const TracerCall& call) {
@@ -39,10 +38,9 @@ void demo::Tracing() {
               tracer->GetSpanId().c_str(), tracer->NewSessionId().c_str());
 
   tracer->SendTracerStep("usb", "open");
-  std::map<std::string, std::string> device{
-      {zel::kVid, zel::ZelTracer::Uint16ToString(0x0781)},
-      {zel::kRedirtype, zel::ZelTracer::RedirtypeToString(2)},
-      {zel::kClass, zel::ZelTracer::CidsToString({8})}};
+  std::map<std::string, std::string> device{{zel::kVid, zel::ZelTracer::Uint16ToString(0x0781)},
+                                            {zel::kRedirtype, zel::ZelTracer::RedirtypeToString(2)},
+                                            {zel::kClass, zel::ZelTracer::CidsToString({8})}};
   tracer->SendServerFlowWithAttr("", "attach", device);
   std::map<std::string, std::string> state{
       {zel::kStatus, zel::ZelTracer::StatusToString(2)},

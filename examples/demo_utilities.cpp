@@ -15,7 +15,6 @@
 #include "utils/ip_check.h"
 #include "utils/string_utils.h"
 
-
 namespace {
 
 // A listening socket on 127.0.0.1 with a port chosen by the system; -1 on failure.

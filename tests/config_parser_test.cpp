@@ -84,8 +84,8 @@ void ExpectOneGLibError(const std::string& function, int line, const std::string
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(7, lines[0].level);
   EXPECT_EQ("ZEL_LOG", lines[0].tag);
-  const std::string prefix = "config_parser.cpp " + function + "(" + std::to_string(line) +
-                             "): \"Error:\" \"";
+  const std::string prefix =
+      "config_parser.cpp " + function + "(" + std::to_string(line) + "): \"Error:\" \"";
   const std::string suffix = " \\n\"";
   const std::string& text = lines[0].text;
   EXPECT_EQ(0u, text.find(prefix)) << text;

@@ -308,7 +308,8 @@ TEST(EventManager, EventSentFromACallbackRunsAfterItAndAfterWhatWasQueued) {
   Events().registerEvent("second", &Record, &second);
   Events().sendEvent("first");
   ASSERT_TRUE(log.WaitForCount(4));
-  EXPECT_EQ((std::vector<std::string>{"relay start", "relay end", "queued", "second"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"relay start", "relay end", "queued", "second"}),
+            log.Calls());
 }
 
 // Context of a callback that changes the table from the event thread.
@@ -394,7 +395,8 @@ TEST(EventManager, StopWhoseNotificationIsLostStillEndsTheEventThread) {
     *stopped = true;
   }).detach();
   const auto start = std::chrono::steady_clock::now();
-  while (!*stopped && std::chrono::steady_clock::now() - start < 5s) std::this_thread::sleep_for(5ms);
+  while (!*stopped && std::chrono::steady_clock::now() - start < 5s)
+    std::this_thread::sleep_for(5ms);
   gLoseNotifications = false;
   EXPECT_TRUE(stopped->load()) << "stop() still waits for the event thread";
   while (!*stopped) {  // let a hung stop() finish, so the process can exit

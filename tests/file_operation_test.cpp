@@ -1,10 +1,9 @@
 #include "utils/file_operation.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
@@ -74,7 +73,8 @@ bool IsDiagLine(const std::string& text, const std::string& kind, const std::str
   const std::string tail = "): \"" + kind + ":\" \"" + message + "\"";
   if (text.size() <= head.size() + tail.size()) return false;
   const std::string line = text.substr(head.size(), text.size() - head.size() - tail.size());
-  return text.rfind(head, 0) == 0 && text.compare(text.size() - tail.size(), tail.size(), tail) == 0 &&
+  return text.rfind(head, 0) == 0 &&
+         text.compare(text.size() - tail.size(), tail.size(), tail) == 0 &&
          line.find_first_not_of("0123456789") == std::string::npos;
 }
 
@@ -153,8 +153,7 @@ TEST_F(FileOperation, GetFileSizeOfSymlinkIsTheLinksOwnSize) {
   const std::string target = scratch_ + "/target-with-a-long-name";
   WriteFile(target, std::string(1000, 'x'));
   ASSERT_EQ(0, symlink(target.c_str(), (scratch_ + "/link").c_str()));
-  EXPECT_EQ(static_cast<long long>(target.size()),
-            zel::getFileSize((scratch_ + "/link").c_str()));
+  EXPECT_EQ(static_cast<long long>(target.size()), zel::getFileSize((scratch_ + "/link").c_str()));
 }
 
 TEST_F(FileOperation, FileExistsTellsPresence) {
@@ -206,8 +205,8 @@ TEST_F(PrinterFile, TruncatedHeaderIsRefusedWithItsLength) {
   EXPECT_EQ(-1, Save(chunk, "user_", local_name));
   EXPECT_EQ("unchanged", local_name);
   const int header = static_cast<int>(("x/" + name).size()) + 21;
-  EXPECT_EQ(1u, DiagCapture::Count("\"Error:\" \"no buffer to save, len = " +
-                                   std::to_string(header) + "\""));
+  EXPECT_EQ(1u, DiagCapture::Count(
+                    "\"Error:\" \"no buffer to save, len = " + std::to_string(header) + "\""));
   EXPECT_FALSE(zel::fileExists(("/tmp/" + name).c_str()));
 }
 
@@ -369,8 +368,8 @@ TEST_F(PrinterFile, FailedWriteReturnsItsNegativeResult) {
 }
 
 TEST_F(PrinterFile, OffsetsNear2To63AndAboveFailWithTheWritesResult) {
-  for (const uint64_t offset : {0x7fffffffffffffffull, 0x7ffffffffffffffeull,
-                                0x8000000000000000ull, 0xffffffffffffffffull}) {
+  for (const uint64_t offset : {0x7fffffffffffffffull, 0x7ffffffffffffffeull, 0x8000000000000000ull,
+                                0xffffffffffffffffull}) {
     SCOPED_TRACE(offset);
     const std::string name = TmpFileName("far");
     std::string local_name;
@@ -392,8 +391,8 @@ TEST_F(PrinterFile, HeaderOneByteShortOfPathLengthPlus21IsRefusedAndExactlyItIsA
     Bytes short_by_one(chunk.begin(), chunk.end() - 1);
     EXPECT_EQ(-1, Save(short_by_one, "user_", local_name));
     EXPECT_EQ("unchanged", local_name);
-    EXPECT_EQ(1u, DiagCapture::Count("\"Error:\" \"no buffer to save, len = " +
-                                     std::to_string(header) + "\""));
+    EXPECT_EQ(1u, DiagCapture::Count(
+                      "\"Error:\" \"no buffer to save, len = " + std::to_string(header) + "\""));
     EXPECT_FALSE(zel::fileExists(("/tmp/" + name).c_str()));
   }
   Diagnostics diag;
@@ -468,8 +467,8 @@ TEST_F(PrinterFile, DotDotDotAndEmptyNamesFailCleanly) {
     const char* path;
     const char* file_name;
   };
-  for (const Case& c : {Case{"x/..", ".."}, Case{"x/.", "."}, Case{"x/", ""},
-                        Case{"..\\..\\", ""}, Case{"\\", ""}}) {
+  for (const Case& c : {Case{"x/..", ".."}, Case{"x/.", "."}, Case{"x/", ""}, Case{"..\\..\\", ""},
+                        Case{"\\", ""}}) {
     SCOPED_TRACE(c.path);
     std::string local_name;
     // Named (an empty name is not refused as such), then /tmp itself fails to open.
@@ -493,8 +492,7 @@ TEST_F(PrinterFile, LocalNameIsCutTo259Characters) {
 TEST_F(PrinterFile, NoSlashSurvivesInTheFileName) {
   const std::string name = TmpFileName("escape");
   const std::string up = "../../../../../../../..";
-  for (const std::string& path : {up + scratch_ + "/" + name,
-                                  "/tmp/.." + scratch_ + "/" + name,
+  for (const std::string& path : {up + scratch_ + "/" + name, "/tmp/.." + scratch_ + "/" + name,
                                   std::string("..\\..\\") + name}) {
     SCOPED_TRACE(path);
     std::string local_name;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -10,8 +11,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -83,7 +82,9 @@ Packet ExpectedEchoRequest(uint16_t identifier) {
   return p;
 }
 
-uint16_t IdentifierOf(const Packet& icmp) { return static_cast<uint16_t>((icmp[4] << 8) | icmp[5]); }
+uint16_t IdentifierOf(const Packet& icmp) {
+  return static_cast<uint16_t>((icmp[4] << 8) | icmp[5]);
+}
 
 // A raw ICMP socket opened before the call under test: afterwards it holds
 // every ICMP message that crossed loopback meanwhile.
@@ -116,8 +117,8 @@ class IcmpSniffer {
   int fd_;
 };
 
-#define REQUIRE_ROOT()                                                      \
-  do {                                                                      \
+#define REQUIRE_ROOT()                                                     \
+  do {                                                                     \
     if (geteuid() != 0) GTEST_SKIP() << "raw ICMP sockets need superuser"; \
   } while (0)
 

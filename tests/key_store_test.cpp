@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -469,16 +468,15 @@ TEST_F(KeyStoreTest, PutKeyStringCutsAValueThatExceedsTheLineAndKeepsTheNewline)
 }
 
 TEST_F(KeyStoreTest, PutKeyStringKeepsLongLinesByteForByte) {
-  const std::string text = "[s]\nlong=" + std::string(3000, 'a') + "\n#" +
-                           std::string(1500, 'c') + "\nk=1\nafter=" + std::string(2000, 'b') +
-                           "\n";
+  const std::string text = "[s]\nlong=" + std::string(3000, 'a') + "\n#" + std::string(1500, 'c') +
+                           "\nk=1\nafter=" + std::string(2000, 'b') + "\n";
   Settings(text);
   EXPECT_EQ(0, PutKeyString("s", "missing", "x"));
   EXPECT_EQ(text, Settings());
   EXPECT_EQ(0, PutKeyString("s", "k", "2"));
   const std::string expected = "[s]\nlong=" + std::string(3000, 'a') + "\n#" +
-                               std::string(1500, 'c') + "\nk=2\nafter=" +
-                               std::string(2000, 'b') + "\n";
+                               std::string(1500, 'c') + "\nk=2\nafter=" + std::string(2000, 'b') +
+                               "\n";
   EXPECT_EQ(expected, Settings());
 }
 
@@ -803,9 +801,8 @@ TEST_F(KeyStoreTest, OrdinaryUserCannotReadOrRewriteASettingsFileOfMode000) {
     const std::string printed = testing::internal::GetCapturedStderr();
     const std::string text = value != nullptr ? value : "<null>";
     std::free(value);
-    return "value=" + text + "|printed=" + printed + "|int=" +
-           std::to_string(GetKeyInt("s", "k")) + "|put=" +
-           std::to_string(PutKeyString("s", "k", "2"));
+    return "value=" + text + "|printed=" + printed + "|int=" + std::to_string(GetKeyInt("s", "k")) +
+           "|put=" + std::to_string(PutKeyString("s", "k", "2"));
   });
   EXPECT_TRUE(child.ExitedWith(0)) << child.status;
   EXPECT_EQ("value=|printed=fopen: Permission denied\n|int=0|put=-2", child.output);
@@ -909,8 +906,8 @@ TEST_F(KeyStoreCutPathTest, CutSettingsPathIsTheFileReadAndWritten) {
 
 // ---- allocation failures ----
 
-#define REQUIRE_ALLOCATION_FAULTS()                                    \
-  if (!ZEL_TEST_CAN_FAIL_ALLOCATIONS)                                  \
+#define REQUIRE_ALLOCATION_FAULTS()                                  \
+  if (!ZEL_TEST_CAN_FAIL_ALLOCATIONS)                                \
   GTEST_SKIP() << "allocation failures are injected only in builds " \
                   "without a sanitizer"
 
@@ -1104,8 +1101,7 @@ TEST_F(AppPathsTest, OrdinaryUserWithoutDataHomeUsesHomeLocalShare) {
 TEST_F(AppPathsTest, OrdinaryUserIgnoresRelativeDataHome) {
   const std::string home = dir_ + "/home";
   EXPECT_EQ(home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/",
-            AsOrdinaryUser({{"XDG_DATA_HOME", "relative/xdg"}, {"HOME", home.c_str()}},
-                           BothPaths));
+            AsOrdinaryUser({{"XDG_DATA_HOME", "relative/xdg"}, {"HOME", home.c_str()}}, BothPaths));
 }
 
 TEST_F(AppPathsTest, OrdinaryUserRootPathOf1023CharactersIsKeptWhole) {
@@ -1121,8 +1117,7 @@ TEST_F(AppPathsTest, OrdinaryUserRootPathOf1023CharactersIsKeptWhole) {
 
 TEST_F(AppPathsTest, OrdinaryUserRootPathOf1024CharactersIsCutTo1023) {
   const std::string xdg = FolderOfLength(1016);
-  EXPECT_EQ(xdg + "/orvane",
-            AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppRootPath));
+  EXPECT_EQ(xdg + "/orvane", AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppRootPath));
 }
 
 TEST_F(AppPathsTest, OrdinaryUserDataPathOf1023CharactersIsKeptWhole) {
@@ -1138,8 +1133,7 @@ TEST_F(AppPathsTest, OrdinaryUserDataPathOf1023CharactersIsKeptWhole) {
 
 TEST_F(AppPathsTest, OrdinaryUserDataPathOf1024CharactersIsCutTo1023) {
   const std::string xdg = FolderOfLength(1012);
-  EXPECT_EQ(xdg + "/orvane/log",
-            AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppDataPath));
+  EXPECT_EQ(xdg + "/orvane/log", AsOrdinaryUser({{"XDG_DATA_HOME", xdg.c_str()}}, GetAppDataPath));
 }
 
 // The root case needs root; CI runs as root.
@@ -1154,8 +1148,7 @@ TEST_F(AppPathsTest, OrdinaryUserWithEmptyHomeUsesTheAccountsHome) {
   ASSERT_NE(nullptr, nobody);
   const std::string home = nobody->pw_dir;
   ASSERT_FALSE(fs::exists(home)) << home;
-  const std::string expected =
-      home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/";
+  const std::string expected = home + "/.local/share/orvane/|" + home + "/.local/share/orvane/log/";
   EXPECT_EQ(expected, AsOrdinaryUser({{"XDG_DATA_HOME", ""}, {"HOME", ""}}, BothPaths));
   EXPECT_EQ(expected, AsOrdinaryUser({{"XDG_DATA_HOME", nullptr}, {"HOME", nullptr}}, BothPaths));
   EXPECT_FALSE(fs::exists(home));

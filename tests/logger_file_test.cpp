@@ -1,16 +1,14 @@
 #include "utils/logger_file.h"
 
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -24,8 +22,7 @@
 // (ENOSYS), as on kernels and sandboxes without it.
 std::atomic<bool> gStatxMissing{false};
 
-extern "C" int statx(int dirfd, const char* path, int flags, unsigned int mask,
-                     struct statx* out) {
+extern "C" int statx(int dirfd, const char* path, int flags, unsigned int mask, struct statx* out) {
   if (gStatxMissing) {
     errno = ENOSYS;
     return -1;
@@ -85,9 +82,9 @@ TEST(LoggerFile, OpeningPrintsCreatfileLineWithEmptyTag) {
   const std::string name = CurrentName(dir.path());
   ASSERT_TRUE(zeltest::WaitForText(dir.path() + name, "x\n"));
   const std::string tag = name.substr(1, 6);
-  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(
-                    capture.Take(), "mCurFp is null, creatfile [] [" + tag + "] [" + dir.path() +
-                                        name + "]\n"));
+  EXPECT_EQ(1u,
+            zeltest::StdoutCapture::Count(capture.Take(), "mCurFp is null, creatfile [] [" + tag +
+                                                              "] [" + dir.path() + name + "]\n"));
 }
 
 TEST(LoggerFile, SetNameGivesTheStem) {
@@ -141,9 +138,9 @@ TEST(LoggerFile, RotationRenamesPastMaxSizeAndPrintsIt) {
   EXPECT_EQ("B", ReadFile(dir.path() + name));
   EXPECT_EQ(kMaxFileSize + 1, ReadFile(dir.path() + stem + "0").size());
   const std::string out = capture.Take();
-  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "update loggerfile ,rename  [" + dir.path() +
-                                                       name + "] to [" + dir.path() + stem +
-                                                       "0] ...... \n"))
+  EXPECT_EQ(1u,
+            zeltest::StdoutCapture::Count(out, "update loggerfile ,rename  [" + dir.path() + name +
+                                                   "] to [" + dir.path() + stem + "0] ...... \n"))
       << out;
   EXPECT_EQ(std::string::npos, out.find("rename error"));
 }
@@ -277,7 +274,8 @@ TEST(LoggerFile, UncreatableDirectoryDropsLinesWithFpIsNull) {
   zel::LoggerFile file(scratch.path() + "blocker/logs/");
   file.Log("lost\n");
   EXPECT_TRUE(capture.WaitForCount("operator() 201: fp is null \n", 1)) << capture.Text();
-  EXPECT_NE(std::string::npos, capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
+  EXPECT_NE(std::string::npos,
+            capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
 }
 
 // Number of descriptors this process has open.
@@ -391,7 +389,8 @@ TEST(LoggerFileLongNames, NamesCutToTheSameTextRotateWithoutLosingALine) {
   ASSERT_EQ(1u, names.size());
   EXPECT_EQ(5u, names[0].size());
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
-  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + names[0] + "]\n"));
+  EXPECT_EQ(1u,
+            zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + names[0] + "]\n"));
 }
 
 TEST(LoggerFileLongNames, CurrentPathOf254Or255CharactersIsKeptWholeAndNotReported) {
@@ -429,7 +428,8 @@ TEST(LoggerFileLongNames, CurrentPathOf256CharactersLosesItsLastCharacterOnce) {
   EXPECT_EQ(name.size() + 10, current.size());
   EXPECT_EQ(".tx", current.substr(current.size() - 3));
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
-  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + current + "]\n"));
+  EXPECT_EQ(1u,
+            zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + current + "]\n"));
 }
 
 TEST(LoggerFileLongNames, DirectoryOf254CharactersHoldsAFileNamedByTheCutPath) {
@@ -487,8 +487,8 @@ TEST(LoggerFileLongNames, DirectoriesOf200To300CharactersRotateWithoutLosingALin
       zel::LoggerFile file(dir);
       file.SetName("n");
       // Past the size limit, then three lines that each find a file.
-      for (const std::string& line : {big, std::string("b1\n"), std::string("b2\n"),
-                                      std::string("b3\n")}) {
+      for (const std::string& line :
+           {big, std::string("b1\n"), std::string("b2\n"), std::string("b3\n")}) {
         file.Log(line);
       }
       if (length == 255) {
@@ -511,9 +511,8 @@ TEST(LoggerFileLongNames, DirectoriesOf200To300CharactersRotateWithoutLosingALin
 
 TEST(LoggerFileMidnight, KeepsWritingTheSameFilePastMidnight) {
   zeltest::TempDir dir;
-  ASSERT_EQ(0, zeltest::RunUnderFaketime("2030-03-14 23:59:58",
-                                         std::string(ZEL_MIDNIGHT_CHILD) + " loggerfile " +
-                                             dir.path()));
+  ASSERT_EQ(0, zeltest::RunUnderFaketime("2030-03-14 23:59:58", std::string(ZEL_MIDNIGHT_CHILD) +
+                                                                    " loggerfile " + dir.path()));
   const auto names = FileNames(dir.path());
   ASSERT_EQ(1u, names.size());
   EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(\.2359\d\d\.txt)"))) << names[0];

@@ -92,8 +92,7 @@ TEST_F(LoggerTest, CurrentFileIsNamedByProcessPidAndTimeTag) {
   logger->Log("x\n");
   const std::string name = CurrentName();
   std::smatch match;
-  ASSERT_TRUE(std::regex_match(name, match, std::regex(R"(zel\.log\.(.*)\.(\d{6})\.txt)")))
-      << name;
+  ASSERT_TRUE(std::regex_match(name, match, std::regex(R"(zel\.log\.(.*)\.(\d{6})\.txt)"))) << name;
   EXPECT_EQ(procTag, match[1].str());
   // The time tag is the local time the day directory was computed.
   EXPECT_LE(tagBefore, match[2].str());
@@ -334,7 +333,8 @@ TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
   ASSERT_EQ(1u, names.size());
   EXPECT_EQ(255u, dayDir.size() + names[0].size());
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
-  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + names[0] + "]\n"));
+  EXPECT_EQ(
+      1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + names[0] + "]\n"));
 }
 
 TEST(LoggerLongBase, DayDirectoryOf254CharactersHoldsAFileNamedByTheCutPath) {
@@ -426,7 +426,8 @@ TEST(LoggerDefaultBase, WithoutAFixedBaseDaysGoUnderUsersUserLibraryZel) {
     if (freopen("/tmp/stdout.txt", "w", stdout) == nullptr) return "no stdout";
     log_print(3, 0, "by default");
     const std::string dayDir = days + day + "/";  // BuildLogPath adds a slash to the date's own
-    if (!zeltest::WaitFor([&] { return !FileNames(dayDir).empty(); })) return "no file in " + dayDir;
+    if (!zeltest::WaitFor([&] { return !FileNames(dayDir).empty(); }))
+      return "no file in " + dayDir;
     const std::string name = FileNames(dayDir)[0];
     if (!zeltest::WaitForText(dayDir + name, "by default\n")) return "no line in " + name;
     fflush(stdout);
@@ -434,7 +435,8 @@ TEST(LoggerDefaultBase, WithoutAFixedBaseDaysGoUnderUsersUserLibraryZel) {
     // The first day: only the last folder is made at first, and that fails.
     if (out != "mkdir[" + dayDir + "] error[BuildLogPath 630] \n") return "printed: " + out;
     char path[512] = {};
-    if (zel_get_log_path(path, sizeof(path)) != 0 || dayDir != path) return "log path " + std::string(path);
+    if (zel_get_log_path(path, sizeof(path)) != 0 || dayDir != path)
+      return "log path " + std::string(path);
     // Without a sub-folder, and without USER: the folders exist or are made quietly.
     if (zel::BuildLogPath("") != days) return "BuildLogPath(\"\")";
     unsetenv("USER");
@@ -572,7 +574,8 @@ TEST(LoggerFaults, BaseWithoutPermissionDropsLinesWithFpIsNull) {
                                            "operator() 333: fp is null \n") == 2;
     });
     if (!dropped) return "lines not dropped";
-    if (ReadFile(out + "stdout.txt").find("mkdir error,[" + locked + "logs]\n") == std::string::npos) {
+    if (ReadFile(out + "stdout.txt").find("mkdir error,[" + locked + "logs]\n") ==
+        std::string::npos) {
       return "no mkdir error";
     }
     return std::filesystem::exists(base) ? "base created" : "";
@@ -640,8 +643,8 @@ TEST_F(LoggerMidnight, OldFileIsRenamedInOldDayAndNewLineLandsInNewDay) {
   ASSERT_TRUE(std::regex_match(oldFiles[0], oldMatch,
                                std::regex(R"(zel\.log\.log_midnight_child-(\d+)\.(2359\d\d)\.0)")))
       << oldFiles[0];
-  ASSERT_TRUE(std::regex_match(newFiles[0], newMatch,
-                               std::regex(R"(zel\.log\.log_midnight_child-(\d+)\.(0000\d\d)\.txt)")))
+  ASSERT_TRUE(std::regex_match(
+      newFiles[0], newMatch, std::regex(R"(zel\.log\.log_midnight_child-(\d+)\.(0000\d\d)\.txt)")))
       << newFiles[0];
   EXPECT_EQ(oldMatch[1].str(), newMatch[1].str());
   EXPECT_NE(std::string::npos, ReadFile(oldDay + oldFiles[0]).find("before midnight\n"));
@@ -662,8 +665,8 @@ TEST_F(LoggerMidnight, BaseOfOtherLengthIsCutToTheCapturedLength) {
                                std::regex(R"(zel\.log\..*\.2359\d\d\.0)")));
   const auto relocated = FileNames(second);
   ASSERT_EQ(1u, relocated.size());
-  EXPECT_TRUE(std::regex_match(relocated[0],
-                               std::regex(R"(20300315zel\.log\.log_midnight_child-\d+\.0000\d\d\.txt)")))
+  EXPECT_TRUE(std::regex_match(
+      relocated[0], std::regex(R"(20300315zel\.log\.log_midnight_child-\d+\.0000\d\d\.txt)")))
       << relocated[0];
   EXPECT_TRUE(std::filesystem::is_directory(second + "20300315/"));
   EXPECT_TRUE(FileNames(second + "20300315/").empty());

@@ -64,7 +64,8 @@ struct Tally {
 
 class CountingMessage : public zel::Message {
  public:
-  CountingMessage(Tally* tally, std::function<void()> body = {}) : tally_(tally), body_(std::move(body)) {}
+  CountingMessage(Tally* tally, std::function<void()> body = {})
+      : tally_(tally), body_(std::move(body)) {}
   ~CountingMessage() override { ++tally_->destroyed; }
   void Run() override {
     ++tally_->runs;
@@ -414,10 +415,12 @@ TEST(Looper, DelayedMessageOnAnIdleLoopRunsNoEarlierThanDueAndAboutASecondAfterA
   long long ranAtWall = 0;
   Tally tally;
   const long long postedAtWall = WallMs();
-  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally, [&] {
-    ranAtWall = WallMs();
-    ran.Open();
-  }), 300));
+  ASSERT_EQ(0, looper.PostDelayMessage(Counting(&tally,
+                                                [&] {
+                                                  ranAtWall = WallMs();
+                                                  ran.Open();
+                                                }),
+                                       300));
   ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
   looper.Stop();
   EXPECT_GE(ranAtWall - postedAtWall, 300);
@@ -619,7 +622,8 @@ TEST(Looper, RestartAfterStoppingItselfWaitsForTheOldThreadToLetGo) {
   ASSERT_EQ(0, looper.Start());
   EXPECT_TRUE(gone.load());  // never two loop threads on one queue
   std::set<std::thread::id> threads;
-  for (int i = 0; i < 3; ++i) RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
+  for (int i = 0; i < 3; ++i)
+    RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
   EXPECT_EQ(1u, threads.size());
   EXPECT_EQ(0, looper.Stop());
 }
@@ -658,7 +662,8 @@ TEST(Looper, ConcurrentStartAndStopFromTwoThreadsReturnAndNeverRunTwoLoops) {
   // Whatever the last call was, the loop is in one clean state.
   looper.Start();
   std::set<std::thread::id> threads;
-  for (int i = 0; i < 3; ++i) RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
+  for (int i = 0; i < 3; ++i)
+    RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
   EXPECT_EQ(1u, threads.size());
   EXPECT_EQ(0, looper.Stop());
 }
@@ -748,9 +753,10 @@ TEST(Looper, DelayedPostFromTheLoopThreadIsAcceptedAndRunsWhenDue) {
   RunOnLoop(looper, [&] {
     postedAt = WallMs();
     result = looper.PostDelayMessage(std::make_unique<FnMessage>([&] {
-      ranAt = WallMs();
-      ran.Open();
-    }), 200);
+                                       ranAt = WallMs();
+                                       ran.Open();
+                                     }),
+                                     200);
   });
   ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
   EXPECT_EQ(0, result.load());
@@ -763,8 +769,8 @@ TEST(Looper, DueTimeFarBeforeTheEpochIsDueAtOnce) {
   ASSERT_EQ(0, looper.Start());
   Gate ran;
   // A negative `when`: due whatever the clock says.
-  ASSERT_EQ(0, looper.PostDelayMessage(std::make_unique<FnMessage>([&] { ran.Open(); }),
-                                       -(1LL << 62)));
+  ASSERT_EQ(
+      0, looper.PostDelayMessage(std::make_unique<FnMessage>([&] { ran.Open(); }), -(1LL << 62)));
   EXPECT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
   EXPECT_EQ(0, looper.Stop());
 }

@@ -264,7 +264,8 @@ TEST(MsgBus, EqualDueTimesAreDeliveredInPublicationOrder) {
   std::stable_sort(expected.begin(), expected.end(),
                    [](const auto& a, const auto& b) { return a->when < b->when; });
   int ties = 0;
-  for (size_t i = 1; i < published.size(); ++i) ties += published[i]->when == published[i - 1]->when;
+  for (size_t i = 1; i < published.size(); ++i)
+    ties += published[i]->when == published[i - 1]->when;
   EXPECT_GT(ties, 0) << "no two messages got the same due time";
 
   ASSERT_TRUE(log.WaitForCount(published.size()));
@@ -466,7 +467,8 @@ TEST(MsgBus, ConcurrentStartAndStopFromTwoThreadsReturnAndLeaveOneBusThread) {
   done = true;
   publisher.join();
   bus.Start();
-  for (int id = 1; id <= 3; ++id) ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, id)));
+  for (int id = 1; id <= 3; ++id)
+    ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, id)));
   ASSERT_TRUE(log.WaitForCount(3));
   EXPECT_EQ((std::vector<std::string>{"s:1", "s:2", "s:3"}), log.Names());
   EXPECT_EQ(0, bus.Stop());

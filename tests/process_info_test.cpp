@@ -30,8 +30,8 @@ namespace {
 struct PrintModeBeforeMain {
   PrintModeBeforeMain() {
     if (std::getenv("ZEL_PRINT_PROCESS_INFO") == nullptr) return;
-    std::printf("name=%s\ndir=%s\nself=%s\n", get_process_name().c_str(),
-                get_process_dir().c_str(), get_self_dir().c_str());
+    std::printf("name=%s\ndir=%s\nself=%s\n", get_process_name().c_str(), get_process_dir().c_str(),
+                get_self_dir().c_str());
     std::fflush(stdout);
     _exit(0);
   }
@@ -103,7 +103,7 @@ TEST(ProcessInfo, ProcessUidMatchesTheWholeFileNameOnly) {
   const std::string name = get_process_name();
   ASSERT_GT(name.size(), 1u);
   EXPECT_EQ(-1, getProcessUid(name.substr(0, name.size() - 1)));  // a prefix
-  EXPECT_EQ(-1, getProcessUid(get_process_dir() + "/" + name));  // the full path
+  EXPECT_EQ(-1, getProcessUid(get_process_dir() + "/" + name));   // the full path
 }
 
 TEST_F(ProcessInfoCopy, ProcessUidOfAnotherUsersProcessIsThatUsersId) {

@@ -90,7 +90,9 @@ TEST(StringUtilsSplit, EmptyFieldsAreDropped) {
   EXPECT_EQ(Pieces{"a"}, split_strings(",a,", ","));
 }
 
-TEST(StringUtilsSplit, OnlySeparatorsGiveEmptyVector) { EXPECT_TRUE(split_strings(",,,", ",").empty()); }
+TEST(StringUtilsSplit, OnlySeparatorsGiveEmptyVector) {
+  EXPECT_TRUE(split_strings(",,,", ",").empty());
+}
 
 TEST(StringUtilsSplit, EmptySeparatorGivesEmptyVector) {
   EXPECT_TRUE(split_strings("a;b", "").empty());
@@ -136,7 +138,9 @@ TEST(StringUtilsBrackets, SquareBracketsWithNulIgnored) {
 
 TEST(StringUtilsBrackets, NoBracketsFails) { ExpectBracketsFail(GetBrackets("abc", '[', ']')); }
 
-TEST(StringUtilsBrackets, OutermostPairKeepsNesting) { ExpectBrackets(GetBrackets("f(a(b)c)"), "a(b)c"); }
+TEST(StringUtilsBrackets, OutermostPairKeepsNesting) {
+  ExpectBrackets(GetBrackets("f(a(b)c)"), "a(b)c");
+}
 
 TEST(StringUtilsBrackets, SimplePair) { ExpectBrackets(GetBrackets("(a)"), "a"); }
 
@@ -149,7 +153,9 @@ TEST(StringUtilsBrackets, EmptyAndOneCharacterTextFail) {
   ExpectBracketsFail(GetBrackets("("));
 }
 
-TEST(StringUtilsBrackets, CloseBeforeOpenGivesRestOfText) { ExpectBrackets(GetBrackets("ab)(cd"), "cd"); }
+TEST(StringUtilsBrackets, CloseBeforeOpenGivesRestOfText) {
+  ExpectBrackets(GetBrackets("ab)(cd"), "cd");
+}
 
 TEST(StringUtilsBrackets, OpenerAtLastIndexIsNotSeen) { ExpectBracketsFail(GetBrackets("ab)x(")); }
 
@@ -180,7 +186,7 @@ TEST(StringUtilsCheckBrackets, UnclosedOpenerIsFalse) { EXPECT_FALSE(check_brack
 
 TEST(StringUtilsCheckBrackets, OtherCharactersAndBackslashAreIgnored) {
   EXPECT_TRUE(check_brackets("f(x) = \\(y\\) + {z}"));
-  EXPECT_FALSE(check_brackets("\\("));   // no escaping
+  EXPECT_FALSE(check_brackets("\\("));    // no escaping
   EXPECT_FALSE(check_brackets("\"(\""));  // no quoting
 }
 

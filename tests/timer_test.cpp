@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <climits>
 #include <chrono>
+#include <climits>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -38,11 +38,14 @@ TEST(Timer, OneShotFiresOnceAfterItsIntervalWithItsIdAndUserPointer) {
   std::atomic<void*> seenUser{nullptr};
   int user = 0;
   const auto start = Clock::now();
-  const auto id = timer.Start(250, [&](unsigned long long i, void* u) {
-    if (++calls == 1) firedAfter = MsSince(start);
-    seenId = i;
-    seenUser = u;
-  }, false, &user);
+  const auto id = timer.Start(
+      250,
+      [&](unsigned long long i, void* u) {
+        if (++calls == 1) firedAfter = MsSince(start);
+        seenId = i;
+        seenUser = u;
+      },
+      false, &user);
   ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
   std::this_thread::sleep_for(500ms);
   EXPECT_EQ(1, calls.load());
@@ -93,7 +96,8 @@ TEST(Timer, TimersWithEqualDueTimesFireInStartOrder) {
 TEST(Timer, RepeatingZeroIntervalFiresAboutOncePerScan) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  timer.Start(0, [&](unsigned long long, void*) { ++calls; }, true, nullptr);
+  timer.Start(
+      0, [&](unsigned long long, void*) { ++calls; }, true, nullptr);
   std::this_thread::sleep_for(1000ms);
   const int seen = calls.load();
   // One scan every ~100 ms: about 10 calls, a few more when a scan crosses a
@@ -106,17 +110,20 @@ TEST(Timer, RepeatingTimerIsReArmedFromTheScanThatFiredIt) {
   zel::Timer timer;
   std::mutex mutex;
   std::vector<long long> at;
-  timer.Start(100, [&](unsigned long long, void*) {
-    bool first;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      at.push_back(zel::TimerNowMs());
-      first = at.size() == 1;
-    }
-    // A slow first call makes the timer miss periods; re-arming from the
-    // previous due time would then fire it twice in one scan to catch up.
-    if (first) std::this_thread::sleep_for(250ms);
-  }, true, nullptr);
+  timer.Start(
+      100,
+      [&](unsigned long long, void*) {
+        bool first;
+        {
+          std::lock_guard<std::mutex> lock(mutex);
+          at.push_back(zel::TimerNowMs());
+          first = at.size() == 1;
+        }
+        // A slow first call makes the timer miss periods; re-arming from the
+        // previous due time would then fire it twice in one scan to catch up.
+        if (first) std::this_thread::sleep_for(250ms);
+      },
+      true, nullptr);
   ASSERT_TRUE(WaitUntil([&] {
     std::lock_guard<std::mutex> lock(mutex);
     return at.size() >= 4;
@@ -130,7 +137,8 @@ TEST(Timer, RepeatingTimerIsReArmedFromTheScanThatFiredIt) {
 TEST(Timer, StopWithAnIdThatWasNeverReturnedChangesNothing) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  timer.Start(100, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  timer.Start(
+      100, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
   timer.Stop(42);
   timer.Stop(0);
   ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
@@ -140,7 +148,8 @@ TEST(Timer, StopWithAnIdThatWasNeverReturnedChangesNothing) {
 TEST(Timer, StoppedTimerIsNeverCalled) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  const auto id = timer.Start(500, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  const auto id = timer.Start(
+      500, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
   timer.Stop(id);
   timer.Stop(id);  // already gone: ignored
   std::this_thread::sleep_for(900ms);
@@ -150,10 +159,13 @@ TEST(Timer, StoppedTimerIsNeverCalled) {
 TEST(Timer, StopFromItsOwnCallbackEndsARepeatingTimer) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  timer.Start(0, [&](unsigned long long id, void*) {
-    ++calls;
-    timer.Stop(id);
-  }, true, nullptr);
+  timer.Start(
+      0,
+      [&](unsigned long long id, void*) {
+        ++calls;
+        timer.Stop(id);
+      },
+      true, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
   // A 0 ms timer may be collected twice by the scan that fires it (when the
   // millisecond count moves on mid-scan), and both collected calls run; what
@@ -167,10 +179,13 @@ TEST(Timer, StopFromItsOwnCallbackEndsARepeatingTimer) {
 TEST(Timer, StopFromItsOwnCallbackLeavesASlowerRepeatingTimerCalledOnce) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  timer.Start(50, [&](unsigned long long id, void*) {
-    ++calls;
-    timer.Stop(id);
-  }, true, nullptr);
+  timer.Start(
+      50,
+      [&](unsigned long long id, void*) {
+        ++calls;
+        timer.Stop(id);
+      },
+      true, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
   std::this_thread::sleep_for(500ms);
   EXPECT_EQ(1, calls.load());
@@ -180,10 +195,13 @@ TEST(Timer, CallbacksRunOnTheTimerThread) {
   zel::Timer timer;
   std::atomic<bool> done{false};
   std::thread::id seen;
-  timer.Start(0, [&](unsigned long long, void*) {
-    seen = std::this_thread::get_id();
-    done = true;
-  }, false, nullptr);
+  timer.Start(
+      0,
+      [&](unsigned long long, void*) {
+        seen = std::this_thread::get_id();
+        done = true;
+      },
+      false, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return done.load(); }));
   EXPECT_NE(std::this_thread::get_id(), seen);
 }
@@ -193,8 +211,10 @@ TEST(Timer, DestructionDropsPendingTimersUncalled) {
   std::atomic<int> repeatingCalls{0};
   {
     zel::Timer timer;
-    timer.Start(60000, [&](unsigned long long, void*) { ++pendingCalls; }, false, nullptr);
-    timer.Start(0, [&](unsigned long long, void*) { ++repeatingCalls; }, true, nullptr);
+    timer.Start(
+        60000, [&](unsigned long long, void*) { ++pendingCalls; }, false, nullptr);
+    timer.Start(
+        0, [&](unsigned long long, void*) { ++repeatingCalls; }, true, nullptr);
     std::this_thread::sleep_for(50ms);
   }
   const int atDestruction = repeatingCalls.load();
@@ -208,11 +228,14 @@ TEST(Timer, DestructorWaitsForTheRunningCallback) {
   std::atomic<bool> finished{false};
   {
     zel::Timer timer;
-    timer.Start(0, [&](unsigned long long, void*) {
-      running = true;
-      std::this_thread::sleep_for(200ms);
-      finished = true;
-    }, false, nullptr);
+    timer.Start(
+        0,
+        [&](unsigned long long, void*) {
+          running = true;
+          std::this_thread::sleep_for(200ms);
+          finished = true;
+        },
+        false, nullptr);
     ASSERT_TRUE(WaitUntil([&] { return running.load(); }));
   }
   EXPECT_TRUE(finished.load());
@@ -222,9 +245,13 @@ TEST(Timer, StartFromACallbackSchedulesAnotherTimer) {
   zel::Timer timer;
   std::atomic<unsigned long long> startedId{0};
   std::atomic<unsigned long long> firedId{0};
-  timer.Start(0, [&](unsigned long long, void*) {
-    startedId = timer.Start(0, [&](unsigned long long id, void*) { firedId = id; }, false, nullptr);
-  }, false, nullptr);
+  timer.Start(
+      0,
+      [&](unsigned long long, void*) {
+        startedId = timer.Start(
+            0, [&](unsigned long long id, void*) { firedId = id; }, false, nullptr);
+      },
+      false, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return firedId.load() != 0; }));
   EXPECT_EQ(2u, startedId.load());
   EXPECT_EQ(2u, firedId.load());
@@ -240,7 +267,8 @@ TEST(Timer, IntervalTooLargeToRepresentMeansNeverButStaysStoppable) {
   const auto repeating = timer.Start(LLONG_MAX - 1, count, true, nullptr);
   // A later, ordinary timer still fires: the "never" ones sort behind it.
   std::atomic<bool> ordinary{false};
-  timer.Start(50, [&](unsigned long long, void*) { ordinary = true; }, false, nullptr);
+  timer.Start(
+      50, [&](unsigned long long, void*) { ordinary = true; }, false, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return ordinary.load(); }));
   std::this_thread::sleep_for(400ms);
   EXPECT_EQ(0, calls.load());
@@ -253,7 +281,8 @@ TEST(Timer, IntervalTooLargeToRepresentMeansNeverButStaysStoppable) {
 TEST(Timer, IntervalTooNegativeToRepresentIsDueAtOnce) {
   zel::Timer timer;
   std::atomic<int> calls{0};
-  timer.Start(LLONG_MIN, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
+  timer.Start(
+      LLONG_MIN, [&](unsigned long long, void*) { ++calls; }, false, nullptr);
   ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(1, calls.load());

@@ -37,6 +37,8 @@ bool IsSpanId(const std::string& text) { return zeltest::IsLowerHex(text, 16); }
 // ---- keys ----
 
 TEST(TraceRecordsKeys, EveryKeyHasItsTextInOrder) {
+  // The two tables stay aligned column by column.
+  // clang-format off
   const std::vector<std::string> keys = {
       zel::kZelModule,     zel::kZelVersion,   zel::kEventType,     zel::kEvent,
       zel::kErrorCode,     zel::kMessage,      zel::kVid,           zel::kPid,
@@ -57,6 +59,7 @@ TEST(TraceRecordsKeys, EveryKeyHasItsTextInOrder) {
       "context",       "desktopId",    "imageVersion", "redirTypeList", "deviceType",
       "credibility",   "flowLevel",    "flowName",     "zelContext",    "processId",
       "vmContextId",   "printerRedirType"};
+  // clang-format on
   EXPECT_EQ(texts, keys);
 }
 
@@ -70,13 +73,13 @@ TEST_F(TraceRecords, StepRecordHasSixStringMembers) {
   Json::Value root;
   std::string errors;
   std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  ASSERT_TRUE(reader->parse(call.content.data(), call.content.data() + call.content.size(),
-                            &root, &errors))
+  ASSERT_TRUE(
+      reader->parse(call.content.data(), call.content.data() + call.content.size(), &root, &errors))
       << errors;
   ASSERT_TRUE(root.isObject());
-  EXPECT_EQ((std::vector<std::string>{"TimeMs", "biz", "eventType", "startTs", "step",
-                                      "zelVersion"}),
-            root.getMemberNames());
+  EXPECT_EQ(
+      (std::vector<std::string>{"TimeMs", "biz", "eventType", "startTs", "step", "zelVersion"}),
+      root.getMemberNames());
   for (const std::string& name : root.getMemberNames()) {
     EXPECT_TRUE(root[name].isString()) << name;
   }
@@ -292,14 +295,12 @@ INSTANTIATE_TEST_SUITE_P(
                     CodeText{249, "DEV_REDIRTYPE_MOUSE_KEYBOARD"},
                     CodeText{250, "DEV_REDIRTYPE_MOUSE"}, CodeText{251, "DEV_REDIRTYPE_KEYBOARD"}),
     CodeName);
-INSTANTIATE_TEST_SUITE_P(TraceRecordsUnknown, RedirtypeToString,
-                         testing::Values(CodeText{0, "DEV_REDIRTYPE_UNKNOW"},
-                                         CodeText{1, "DEV_REDIRTYPE_UNKNOW"},
-                                         CodeText{8, "DEV_REDIRTYPE_UNKNOW"},
-                                         CodeText{248, "DEV_REDIRTYPE_UNKNOW"},
-                                         CodeText{252, "DEV_REDIRTYPE_UNKNOW"},
-                                         CodeText{65535, "DEV_REDIRTYPE_UNKNOW"}),
-                         CodeName);
+INSTANTIATE_TEST_SUITE_P(
+    TraceRecordsUnknown, RedirtypeToString,
+    testing::Values(CodeText{0, "DEV_REDIRTYPE_UNKNOW"}, CodeText{1, "DEV_REDIRTYPE_UNKNOW"},
+                    CodeText{8, "DEV_REDIRTYPE_UNKNOW"}, CodeText{248, "DEV_REDIRTYPE_UNKNOW"},
+                    CodeText{252, "DEV_REDIRTYPE_UNKNOW"}, CodeText{65535, "DEV_REDIRTYPE_UNKNOW"}),
+    CodeName);
 
 class DeviceTypeToString : public testing::TestWithParam<CodeText> {};
 TEST_P(DeviceTypeToString, GivesItsTableText) {
@@ -356,14 +357,13 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<CidsCase>& info) { return info.param.name; });
 INSTANTIATE_TEST_SUITE_P(
     TraceRecordsOther, CidsToString,
-    testing::Values(CidsCase{"Empty", {}, ""},
-                    CidsCase{"MassStorageThenHid", {8, 3}, "MASS_STORAGE;HID;"},
-                    CidsCase{"UnnamedAsDecimal", {9, 255}, "9;255;"},
-                    CidsCase{"ZeroAsDecimal", {0}, "0;"},
-                    CidsCase{"GapsInTheTableAsDecimal", {2, 4, 5, 9, 10, 12, 13}, "2;4;5;9;10;12;13;"},
-                    CidsCase{"PastTheTableAsDecimal", {15, 224}, "15;224;"},
-                    CidsCase{"OnlyTheLowByteCounts", {263, 256, 0x1ff}, "PRINTER;0;255;"},
-                    CidsCase{"DuplicatesRepeat", {3, 3}, "HID;HID;"}),
+    testing::Values(
+        CidsCase{"Empty", {}, ""}, CidsCase{"MassStorageThenHid", {8, 3}, "MASS_STORAGE;HID;"},
+        CidsCase{"UnnamedAsDecimal", {9, 255}, "9;255;"}, CidsCase{"ZeroAsDecimal", {0}, "0;"},
+        CidsCase{"GapsInTheTableAsDecimal", {2, 4, 5, 9, 10, 12, 13}, "2;4;5;9;10;12;13;"},
+        CidsCase{"PastTheTableAsDecimal", {15, 224}, "15;224;"},
+        CidsCase{"OnlyTheLowByteCounts", {263, 256, 0x1ff}, "PRINTER;0;255;"},
+        CidsCase{"DuplicatesRepeat", {3, 3}, "HID;HID;"}),
     [](const testing::TestParamInfo<CidsCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -175,9 +175,8 @@ TEST_F(ZelClientTracker, SendTraceAttrCatchesTheLibrarysExceptionAndTakesTheNext
       lines[1].text);
 
   // The mutex is free: the next record, even from another thread, goes through.
-  auto next = std::async(std::launch::async, [&] {
-    tracker.SendTraceAttr("t2", "s2", "close", attrs, "p2");
-  });
+  auto next = std::async(std::launch::async,
+                         [&] { tracker.SendTraceAttr("t2", "s2", "close", attrs, "p2"); });
   ASSERT_EQ(std::future_status::ready, next.wait_for(std::chrono::seconds(10)));
   const TracerCall call = OnlyTracerCall();
   EXPECT_EQ("t2", call.args[2]);
@@ -217,8 +216,8 @@ TEST_F(ZelClientTracker, AttributeRecordsReachTracerTraceRawWithTheContextFields
   EXPECT_EQ((std::vector<std::string>{"zel", "ctx-trace", "span", "attach", ""}),
             std::vector<std::string>(call.args.begin() + 1, call.args.end()));
   const Json::Value root = Parse(call.args[0]);
-  EXPECT_EQ((std::vector<std::string>{"desktopId", "event", "flowLevel", "flowName",
-                                      "imageVersion", "processId", "vid"}),
+  EXPECT_EQ((std::vector<std::string>{"desktopId", "event", "flowLevel", "flowName", "imageVersion",
+                                      "processId", "vid"}),
             root.getMemberNames());
   EXPECT_EQ("4242", root["processId"].asString());
 }

@@ -43,7 +43,8 @@ TEST(ZelEnv, ConcurrentWritersAndReadersSeeWholeValues) {
     });
   }
   for (auto& t : threads) t.join();
-  for (int t = 0; t < 4; ++t) EXPECT_EQ("1999", zel::ZelEnv::zel_get_env("key" + std::to_string(t)));
+  for (int t = 0; t < 4; ++t)
+    EXPECT_EQ("1999", zel::ZelEnv::zel_get_env("key" + std::to_string(t)));
 }
 
 }  // namespace

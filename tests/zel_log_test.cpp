@@ -111,7 +111,8 @@ TEST_F(ZelLog, LineCarriesDatePrefixAndCallerThreadId) {
   std::smatch match;
   ASSERT_TRUE(std::regex_search(
       text, match,
-      std::regex(R"(^\[(\d{1,2})-(\d{1,2}) (\d\d):(\d\d):(\d\d)\.(\d{3})\]\[tid:(\d+)\] prefixed 42\n)")))
+      std::regex(
+          R"(^\[(\d{1,2})-(\d{1,2}) (\d\d):(\d\d):(\d\d)\.(\d{3})\]\[tid:(\d+)\] prefixed 42\n)")))
       << text;
   const time_t seconds = std::chrono::system_clock::to_time_t(before);
   struct tm local {};
@@ -163,7 +164,8 @@ TEST_F(ZelLog, FormatLongerThanTheBufferIsCutToFit) {
   const std::string text = Drain();
   const std::string line = text.substr(0, text.find('\n') + 1);
   EXPECT_EQ(4094u, line.size());
-  EXPECT_EQ(std::string(4093 - (line.find("] ") + 2), 'f') + "\n", line.substr(line.find("] ") + 2));
+  EXPECT_EQ(std::string(4093 - (line.find("] ") + 2), 'f') + "\n",
+            line.substr(line.find("] ") + 2));
 }
 
 // The prefix's length on this thread today (its digits vary only with the date).

@@ -5,8 +5,9 @@
 #include <string>
 
 TEST(ZelVersion, StringIsMajorDotMinorDotPatch) {
-  EXPECT_EQ(std::to_string(ZEL_UTILS_VERSION_MAJOR) + "." + std::to_string(ZEL_UTILS_VERSION_MINOR) +
-                "." + std::to_string(ZEL_UTILS_VERSION_PATCH),
+  EXPECT_EQ(std::to_string(ZEL_UTILS_VERSION_MAJOR) + "." +
+                std::to_string(ZEL_UTILS_VERSION_MINOR) + "." +
+                std::to_string(ZEL_UTILS_VERSION_PATCH),
             ZEL_UTILS_VERSION_STRING);
 }
 

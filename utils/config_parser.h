@@ -55,8 +55,7 @@ class ZEL_API ConfigParser {
   // Sets the value in memory only (creating group and key if needed) and
   // reports "not implement", since nothing is written back. -1 when any
   // argument is empty, else 0.
-  int SetValuesByString(const std::string& group, const std::string& key,
-                        const std::string& value);
+  int SetValuesByString(const std::string& group, const std::string& key, const std::string& value);
 
  private:
   std::string mFilePath;

@@ -28,10 +28,9 @@ constexpr const char* BaseName(const char* path) {
 }  // namespace diag
 }  // namespace zel
 
-#define ZEL_DIAG_PRINT_(level, kind, line, fmt, ...)                                    \
-  orvaneLogPrint(0, (level), "ZEL_LOG", "%s %s(%d): \"" kind ":\" \"" fmt "\"",        \
-                 ::zel::diag::BaseName(__FILE__), __func__, static_cast<int>(line), \
-                 ##__VA_ARGS__)
+#define ZEL_DIAG_PRINT_(level, kind, line, fmt, ...)                            \
+  orvaneLogPrint(0, (level), "ZEL_LOG", "%s %s(%d): \"" kind ":\" \"" fmt "\"", \
+                 ::zel::diag::BaseName(__FILE__), __func__, static_cast<int>(line), ##__VA_ARGS__)
 
 #define ZEL_ERROR_AT(line, fmt, ...) \
   ZEL_DIAG_PRINT_(::zel::diag::kErrorLevel, "Error", line, fmt, ##__VA_ARGS__)

@@ -12,9 +12,9 @@
 // is C++): the symbols keep their plain names, and clang's warning about a
 // C++ result type under C linkage is quieted for just those lines.
 #if defined(__clang__)
-#define ZEL_BEGIN_C_LINKAGE                                            \
-  _Pragma("clang diagnostic push")                                     \
-  _Pragma("clang diagnostic ignored \"-Wreturn-type-c-linkage\"") extern "C" {
+#define ZEL_BEGIN_C_LINKAGE        \
+  _Pragma("clang diagnostic push") \
+      _Pragma("clang diagnostic ignored \"-Wreturn-type-c-linkage\"") extern "C" {
 #define ZEL_END_C_LINKAGE \
   }                       \
   _Pragma("clang diagnostic pop")

@@ -44,8 +44,7 @@ const char* FileNameOf(const char* path) {
 // regular file of ours with no other name will do.
 bool IsOwnPrivateFile(int fd) {
   struct stat st;
-  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() &&
-         st.st_nlink == 1;
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1;
 }
 
 }  // namespace
@@ -117,8 +116,7 @@ int SavePrinterFile(unsigned int len, unsigned char* buffer, std::string label,
   const unsigned int data_len = len - header_len;
   ZEL_DEBUG("file write start:%d, len: %d,  offset:%llu", static_cast<int>(header_len),
             static_cast<int>(data_len), offset);
-  const ssize_t written =
-      pwrite(fd, buffer + header_len, data_len, static_cast<off_t>(offset));
+  const ssize_t written = pwrite(fd, buffer + header_len, data_len, static_cast<off_t>(offset));
   close(fd);
   return written < 0 ? static_cast<int>(written) : 0;
 }

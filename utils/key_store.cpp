@@ -87,7 +87,7 @@ std::string RootCaseAppRoot(const std::string& home) {
 #if !defined(__APPLE__)
 // mkdir -p for the folders of an absolute path.
 void MakeFolders(const std::string& path) {
-  for (size_t slash = path.find('/', 1); ; slash = path.find('/', slash + 1)) {
+  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     mkdir(path.substr(0, slash).c_str(), 0755);
     if (slash == std::string::npos) break;
   }

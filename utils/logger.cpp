@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+
 #include "utils/local_time.h"
 #include "utils/process_info.h"
 #include "utils/queued_line.h"

@@ -19,7 +19,6 @@ bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg
   return a->when < b->when;
 }
 
-
 }  // namespace
 
 MsgBus::MsgBus() : loop(mutex, cond), queue(std::make_unique<Queue>()) {}
@@ -54,9 +53,7 @@ int MsgBus::Start() {
   return loop.Start([this] { process(); });
 }
 
-int MsgBus::Stop() {
-  return loop.Stop() == LoopThread::StopResult::kAlreadyStopped ? -1 : 0;
-}
+int MsgBus::Stop() { return loop.Stop() == LoopThread::StopResult::kAlreadyStopped ? -1 : 0; }
 
 int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg) {
   if (!msg) return -1;
@@ -175,7 +172,9 @@ void MsgBus::Deliver(Batch& batch) {
       // One thread per delivery, waited for: deliveries never overlap and
       // never run on the bus thread.
       const int type = msg->msg_type;
-      std::async(std::launch::async, [type, msg, subscriber] { subscriber->OnMsg(type, msg); }).get();
+      std::async(std::launch::async, [type, msg, subscriber] {
+        subscriber->OnMsg(type, msg);
+      }).get();
     }
   }
 }

@@ -18,8 +18,8 @@ class QueuedLine final : public Message {
 
   // A message that hands a copy of `length` characters at `text` to
   // write(writer, ...) when run. Any thread.
-  static std::unique_ptr<Message> Make(WriteFn write, void* writer, const char* text,
-                                       size_t length, bool toBackends);
+  static std::unique_ptr<Message> Make(WriteFn write, void* writer, const char* text, size_t length,
+                                       bool toBackends);
   // Paired with Make's allocation; found through the virtual destructor.
   static void operator delete(void* memory) { ::operator delete(memory); }
 

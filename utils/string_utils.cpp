@@ -14,9 +14,12 @@ bool IsAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 
 
 char OpenerOf(char closer) {
   switch (closer) {
-    case ')': return '(';
-    case ']': return '[';
-    default: return '{';
+    case ')':
+      return '(';
+    case ']':
+      return '[';
+    default:
+      return '{';
   }
 }
 
@@ -35,8 +38,7 @@ extern "C" int parse_string_kv(const std::string& str, const std::string& sep, s
   return 0;
 }
 
-extern "C" std::vector<std::string> split_strings(const std::string& str,
-                                                  const std::string& sep) {
+extern "C" std::vector<std::string> split_strings(const std::string& str, const std::string& sep) {
   std::vector<std::string> pieces;
   if (str.empty() || sep.empty()) return pieces;
   const std::string s = str + sep;  // terminates the last field

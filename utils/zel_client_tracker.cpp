@@ -48,8 +48,9 @@ void ZelClientTracker::SendTraceAttr(const std::string& traceId, const std::stri
     Tracer::traceRaw(text, kSpanModule, traceId, spanId, event, parentSpan);
   } catch (...) {
     // A record is never worth failing the caller's flow for.
-    ZEL_ERROR_AT(kSendTraceAttrErrorLine, "Exception occurred in SendTraceAttr, traceId:%s event:%s",
-                 traceId.c_str(), event.c_str());
+    ZEL_ERROR_AT(kSendTraceAttrErrorLine,
+                 "Exception occurred in SendTraceAttr, traceId:%s event:%s", traceId.c_str(),
+                 event.c_str());
   }
 }
 

@@ -24,8 +24,8 @@ std::string getCurrentTimeString() {
   std::tm local{};
   localtime_r(&seconds, &local);
   std::ostringstream out;
-  out << std::put_time(&local, "%Y-%m-%d-%H:%M:%S") << '.' << std::setw(3)
-      << std::setfill('0') << (micros / 1000) % 1000;
+  out << std::put_time(&local, "%Y-%m-%d-%H:%M:%S") << '.' << std::setw(3) << std::setfill('0')
+      << (micros / 1000) % 1000;
   return out.str();
 }
 
@@ -64,16 +64,15 @@ size_t FormatPrefix(char* out, long long micros, time_t seconds) {
   if (cache.tailLen == 0) {
     // A C-style cast: pthread_t is an integer on Linux and a pointer on macOS.
     const std::string tid = std::to_string((unsigned long long)pthread_self());
-    cache.tailLen = static_cast<size_t>(
-        snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
+    cache.tailLen =
+        static_cast<size_t>(snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
   }
   const zel::logdetail::LocalSecond& now = zel::logdetail::LocalTimeAt(seconds);
   if (now.conversion != cache.conversion) {
     const struct tm& local = now.local;
-    cache.headLen = static_cast<size_t>(snprintf(cache.head, sizeof(cache.head),
-                                                 "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
-                                                 local.tm_mday, local.tm_hour, local.tm_min,
-                                                 local.tm_sec));
+    cache.headLen = static_cast<size_t>(
+        snprintf(cache.head, sizeof(cache.head), "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
+                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec));
     cache.conversion = now.conversion;
   }
   const long millis = static_cast<long>((micros / 1000) % 1000);

@@ -205,51 +205,85 @@ std::string ZelTracer::Uint16ToString(unsigned short v) {
 
 std::string ZelTracer::RedirtypeToString(unsigned short v) {
   switch (v) {
-    case 2: return "DEV_REDIRTYPE_UDISK";
-    case 3: return "DEV_REDIRTYPE_CAMERA";
-    case 4: return "DEV_REDIRTYPE_PRINTTER";
-    case 5: return "DEV_REDIRTYPE_SCANNER";
-    case 6: return "DEV_REDIRTYPE_PEN";
-    case 7: return "DEV_REDIRTYPE_ROUTER";
+    case 2:
+      return "DEV_REDIRTYPE_UDISK";
+    case 3:
+      return "DEV_REDIRTYPE_CAMERA";
+    case 4:
+      return "DEV_REDIRTYPE_PRINTTER";
+    case 5:
+      return "DEV_REDIRTYPE_SCANNER";
+    case 6:
+      return "DEV_REDIRTYPE_PEN";
+    case 7:
+      return "DEV_REDIRTYPE_ROUTER";
     case 16:
-    case 32: return "DEV_REDIRTYPE_USBREDIR";
-    case 249: return "DEV_REDIRTYPE_MOUSE_KEYBOARD";
-    case 250: return "DEV_REDIRTYPE_MOUSE";
-    case 251: return "DEV_REDIRTYPE_KEYBOARD";
-    default: return "DEV_REDIRTYPE_UNKNOW";
+    case 32:
+      return "DEV_REDIRTYPE_USBREDIR";
+    case 249:
+      return "DEV_REDIRTYPE_MOUSE_KEYBOARD";
+    case 250:
+      return "DEV_REDIRTYPE_MOUSE";
+    case 251:
+      return "DEV_REDIRTYPE_KEYBOARD";
+    default:
+      return "DEV_REDIRTYPE_UNKNOW";
   }
 }
 
 std::string ZelTracer::DeviceTypeToString(unsigned short v) {
   switch (v) {
-    case 2: return "DEV_TYPE_UDISK";
-    case 3: return "DEV_TYPE_CAMERA";
-    case 4: return "DEV_TYPE_PRINTER";
-    case 5: return "DEV_TYPE_SCANNER";
-    case 6: return "DEV_TYPE_PEN";
-    case 16: return "DEV_TYPE_OTHER_PLUGIN_DEV";
-    case 34: return "DEV_TYPE_UKEY";
-    case 35: return "DEV_TYPE_ADB";
-    case 36: return "DEV_TYPE_HIGH_SPEED_PHOTOGRAPHIC";
-    case 37: return "DEV_TYPE_DVD";
-    case 38: return "DEV_TYPE_SERIAL_PORT";
-    case 39: return "DEV_TYPE_AUDIO";
-    case 40: return "networkInterfaceCard";
-    case 41: return "JOYSTICK";
-    case 249: return "DEV_TYPE_MOUSE";
-    case 250: return "DEV_TYPE_KEYBOARD";
-    case 255: return "DEV_TYPE_PC_OTHER_DEV";
-    default: return "";
+    case 2:
+      return "DEV_TYPE_UDISK";
+    case 3:
+      return "DEV_TYPE_CAMERA";
+    case 4:
+      return "DEV_TYPE_PRINTER";
+    case 5:
+      return "DEV_TYPE_SCANNER";
+    case 6:
+      return "DEV_TYPE_PEN";
+    case 16:
+      return "DEV_TYPE_OTHER_PLUGIN_DEV";
+    case 34:
+      return "DEV_TYPE_UKEY";
+    case 35:
+      return "DEV_TYPE_ADB";
+    case 36:
+      return "DEV_TYPE_HIGH_SPEED_PHOTOGRAPHIC";
+    case 37:
+      return "DEV_TYPE_DVD";
+    case 38:
+      return "DEV_TYPE_SERIAL_PORT";
+    case 39:
+      return "DEV_TYPE_AUDIO";
+    case 40:
+      return "networkInterfaceCard";
+    case 41:
+      return "JOYSTICK";
+    case 249:
+      return "DEV_TYPE_MOUSE";
+    case 250:
+      return "DEV_TYPE_KEYBOARD";
+    case 255:
+      return "DEV_TYPE_PC_OTHER_DEV";
+    default:
+      return "";
   }
 }
 
 std::string ZelTracer::StatusToString(unsigned short v) {
   switch (v) {
-    case 0: return "idea";
-    case 1: return "connecting";
-    case 2: return "connected";
-    case 3: return "disconnecting";
-    default: return std::to_string(v);
+    case 0:
+      return "idea";
+    case 1:
+      return "connecting";
+    case 2:
+      return "connected";
+    case 3:
+      return "disconnecting";
+    default:
+      return std::to_string(v);
   }
 }
 
@@ -257,8 +291,8 @@ std::string ZelTracer::CidsToString(std::vector<unsigned int> codes) {
   // USB interface classes 1..14, indexed by class - 1; a set bit in the mask
   // marks an entry with a name.
   static const char* const kClassNames[14] = {
-      "AUDIO;", nullptr, "HID;",     nullptr, nullptr, "IMAGE;",       "PRINTER;",
-      "MASS_STORAGE;", nullptr, nullptr, "SMART_CARD;", nullptr, nullptr, "VIDEO;"};
+      "AUDIO;",        nullptr, "HID;",  nullptr,       nullptr, "IMAGE;", "PRINTER;",
+      "MASS_STORAGE;", nullptr, nullptr, "SMART_CARD;", nullptr, nullptr,  "VIDEO;"};
   constexpr unsigned kNamedClassMask = 9445;  // bits 0, 2, 5, 6, 7, 10, 13
 
   std::string text;

@@ -34,8 +34,7 @@ class ZEL_API TracerBackend {
                               const std::string& parentSpan) = 0;
   // One attribute record; `attrs` belongs to the caller.
   virtual void SendTraceAttr(const std::string& traceId, const std::string& spanId,
-                             const std::string& event,
-                             std::map<std::string, std::string>& attrs,
+                             const std::string& event, std::map<std::string, std::string>& attrs,
                              const std::string& parentSpan) = 0;
 };
 
@@ -60,8 +59,7 @@ class ZEL_API ZelProcessContextBase {
 class ZEL_API ZelProcessContext : public ZelProcessContextBase {
  public:
   ZelProcessContext(const std::string& zelVersion, const std::string& flowLevel,
-                    const std::string& flowName, const std::string& zelContext,
-                    uint32_t processId);
+                    const std::string& flowName, const std::string& zelContext, uint32_t processId);
 
   std::string GetZelVersion() override;
   std::string GetFlowLevel() override;
@@ -151,11 +149,11 @@ class ZEL_API ZelTracer {
                           const std::string& parentSpan);
 
   // Device-redirection codes as attribute texts.
-  static std::string Uint16ToString(unsigned short v);     // "0x%.4x"
-  static std::string RedirtypeToString(unsigned short v);  // redirection type
+  static std::string Uint16ToString(unsigned short v);               // "0x%.4x"
+  static std::string RedirtypeToString(unsigned short v);            // redirection type
   static std::string CidsToString(std::vector<unsigned int> codes);  // USB class codes
-  static std::string StatusToString(unsigned short v);      // connection state
-  static std::string DeviceTypeToString(unsigned short v);  // device type
+  static std::string StatusToString(unsigned short v);               // connection state
+  static std::string DeviceTypeToString(unsigned short v);           // device type
 
  private:
   std::string traceId;

@@ -58,8 +58,8 @@ void ExpectEachDestroyedOnceRunAtMostOnce(const Ledger& ledger) {
 
 // Posts from `kPosters` threads, paced, while `going` holds (each at most
 // its share of the ledger).
-std::vector<std::thread> StartPosters(zel::Looper& looper, Ledger& ledger, std::atomic<int>& accepted,
-                                      const std::atomic<bool>& going) {
+std::vector<std::thread> StartPosters(zel::Looper& looper, Ledger& ledger,
+                                      std::atomic<int>& accepted, const std::atomic<bool>& going) {
   std::vector<std::thread> posters;
   for (int p = 0; p < kPosters; ++p) {
     posters.emplace_back([&, p] {

@@ -56,10 +56,13 @@ TEST(TimerStress, ThousandTimersFromThreadsAndCallbacksFireExactlyAsLeft) {
   // Fires once: starts a 0 ms follow-up and stops a parked timer.
   auto chain = [&](unsigned long long id, void*) {
     ++calls[id];
-    timer.Start(0, [&](unsigned long long followUp, void*) {
-      ++calls[followUp];
-      ++followUps;
-    }, false, nullptr);
+    timer.Start(
+        0,
+        [&](unsigned long long followUp, void*) {
+          ++calls[followUp];
+          ++followUps;
+        },
+        false, nullptr);
     parked.StopOne(timer);
   };
 

@@ -43,8 +43,7 @@ struct ChildResult {
 // Makes the calling (child) process run as uid/gid: the real and effective
 // ids change, root stays only as the saved user id, for EndChild.
 inline bool BecomeUser(uid_t uid, gid_t gid) {
-  return setgroups(0, nullptr) == 0 && setresgid(gid, gid, gid) == 0 &&
-         setresuid(uid, uid, 0) == 0;
+  return setgroups(0, nullptr) == 0 && setresgid(gid, gid, gid) == 0 && setresuid(uid, uid, 0) == 0;
 }
 
 // The "nobody" account, for tests that need an ordinary user while running as root.

@@ -2,19 +2,19 @@
 // loggers wrote, and waiting for their thread to get there.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sched.h>
+#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -175,8 +175,8 @@ inline int RunUnderFaketime(const std::string& start, const std::string& command
   const char* asan = getenv("ASAN_OPTIONS");
   const std::string line = "env DONT_FAKE_MONOTONIC=1 ASAN_OPTIONS='verify_asan_link_order=0" +
                            std::string(asan != nullptr && *asan != '\0' ? ":" : "") +
-                           (asan != nullptr ? asan : "") + "' faketime -f '" +
-                           (frozen ? "" : "@") + start + "' " + command;
+                           (asan != nullptr ? asan : "") + "' faketime -f '" + (frozen ? "" : "@") +
+                           start + "' " + command;
   const int status = std::system(line.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -223,22 +223,24 @@ inline std::vector<int> Sequence(int count) {
 
 // Waits until some current (".txt") file below `base` ends in `tail`.
 inline bool WaitForLastLine(const std::string& base, const std::string& tail) {
-  return WaitFor([&] {
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(base, ec)) {
-      const std::string path = entry.path().string();
-      if (!entry.is_regular_file() || path.size() < 4 || path.substr(path.size() - 4) != ".txt")
-        continue;
-      std::ifstream in(path, std::ios::binary | std::ios::ate);
-      const std::streamoff size = in.tellg();
-      if (size < static_cast<std::streamoff>(tail.size())) continue;
-      std::string end(tail.size(), '\0');
-      in.seekg(size - static_cast<std::streamoff>(tail.size()));
-      in.read(&end[0], static_cast<std::streamsize>(end.size()));
-      if (end == tail) return true;
-    }
-    return false;
-  }, std::chrono::seconds(60));
+  return WaitFor(
+      [&] {
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(base, ec)) {
+          const std::string path = entry.path().string();
+          if (!entry.is_regular_file() || path.size() < 4 || path.substr(path.size() - 4) != ".txt")
+            continue;
+          std::ifstream in(path, std::ios::binary | std::ios::ate);
+          const std::streamoff size = in.tellg();
+          if (size < static_cast<std::streamoff>(tail.size())) continue;
+          std::string end(tail.size(), '\0');
+          in.seekg(size - static_cast<std::streamoff>(tail.size()));
+          in.read(&end[0], static_cast<std::streamsize>(end.size()));
+          if (end == tail) return true;
+        }
+        return false;
+      },
+      std::chrono::seconds(60));
 }
 
 // Moves this test process (still single-threaded: call it before anything
@@ -258,8 +260,10 @@ inline bool MountPrivateTmpfs(const std::string& dir, size_t bytes) {
       return !out.fail();
     };
     if (!write_text("/proc/self/setgroups", "deny") ||
-        !write_text("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
-        !write_text("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n")) {
+        !write_text("/proc/self/uid_map",
+                    std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
+        !write_text("/proc/self/gid_map",
+                    std::to_string(gid) + " " + std::to_string(gid) + " 1\n")) {
       return false;
     }
   }
@@ -290,7 +294,8 @@ inline std::vector<std::string> LinesBelow(const std::string& base) {
     const std::string path = entry.path().string();
     const std::string suffix = path.substr(path.rfind('.') + 1);
     const std::string number =
-        suffix == "txt" ? "9999" : std::string(4 - std::min<size_t>(suffix.size(), 4), '0') + suffix;
+        suffix == "txt" ? "9999"
+                        : std::string(4 - std::min<size_t>(suffix.size(), 4), '0') + suffix;
     files.emplace_back(entry.path().parent_path().string() + "/" + number, path);
   }
   std::sort(files.begin(), files.end());
