@@ -16,13 +16,13 @@ typedef struct _GKeyFile GKeyFile;
 
 namespace zel {
 
-class ZEL_API ConfigParser {
+class ConfigParser {
  public:
   // Unloaded: empty path, no key file. Lookups answer their failure values
   // until Init succeeds.
-  ConfigParser();
+  ZEL_API ConfigParser();
   // Frees the key file (once; nothing after a failed Init).
-  ~ConfigParser();
+  ZEL_API ~ConfigParser();
   ConfigParser(const ConfigParser&) = delete;
   ConfigParser& operator=(const ConfigParser&) = delete;
 
@@ -31,31 +31,31 @@ class ZEL_API ConfigParser {
   // 0 on success, -1 (with an error diagnostic) on an empty name or a file
   // that cannot be read or parsed; the parser is then unusable.
   // Not locked: call before the parser is shared.
-  int Init(const std::string& file, const std::string& separator);
+  ZEL_API int Init(const std::string& file, const std::string& separator);
 
   // Single values. Empty `group` or `key`: the failure value, silently.
   // false when missing or not a boolean.
-  bool GetBooleanVal(const std::string& group, const std::string& key);
+  ZEL_API bool GetBooleanVal(const std::string& group, const std::string& key);
   // "" when missing.
-  std::string GetStringVal(const std::string& group, const std::string& key);
+  ZEL_API std::string GetStringVal(const std::string& group, const std::string& key);
   // -1 (value untouched) for empty arguments; otherwise 0, with *value set to
   // the integer or to 0 when missing or not an integer.
-  int GetIntegerVal(const std::string& group, const std::string& key, int* value);
+  ZEL_API int GetIntegerVal(const std::string& group, const std::string& key, int* value);
   // -1 for empty arguments; otherwise 0, with *value set to the number or to
   // 0.0 (and an error diagnostic) when missing or not a number.
-  int GetDoubleVal(const std::string& group, const std::string& key, double* value);
+  ZEL_API int GetDoubleVal(const std::string& group, const std::string& key, double* value);
 
   // Lists, in file order. Empty when an argument is empty (silently) or when
   // the key is missing or an element has the wrong type (error diagnostic).
-  std::vector<bool> GetBooleanVals(const std::string& group, const std::string& key);
-  std::vector<std::string> GetStringVals(const std::string& group, const std::string& key);
-  std::vector<int> GetIntegerVals(const std::string& group, const std::string& key);
-  std::vector<double> GetDoubleVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<bool> GetBooleanVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<std::string> GetStringVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<int> GetIntegerVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<double> GetDoubleVals(const std::string& group, const std::string& key);
 
   // Sets the value in memory only (creating group and key if needed) and
   // reports "not implement", since nothing is written back. -1 when any
   // argument is empty, else 0.
-  int SetValuesByString(const std::string& group, const std::string& key, const std::string& value);
+  ZEL_API int SetValuesByString(const std::string& group, const std::string& key, const std::string& value);
 
  private:
   std::string mFilePath;

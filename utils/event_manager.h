@@ -18,39 +18,39 @@
 
 namespace zel {
 
-class ZEL_API EventManager {
+class EventManager {
  public:
   using EventCallback = void (*)(void*);
 
   // The one instance, created (and its event thread started) on first use and
   // destroyed at process exit.
-  static EventManager& getInstance();
+  ZEL_API static EventManager& getInstance();
 
   EventManager(const EventManager&) = delete;
   EventManager& operator=(const EventManager&) = delete;
 
   // Appends (callback, arg) to the callbacks of `name`. Duplicates are kept
   // and called once per appearance. The manager never touches `arg`.
-  void registerEvent(const std::string& name, EventCallback callback, void* arg);
+  ZEL_API void registerEvent(const std::string& name, EventCallback callback, void* arg);
   // Removes every pair of `name` whose function is `callback`, whatever its
   // argument; the name is forgotten once its last pair is gone. Unknown
   // names are ignored.
-  void unregisterEvent(const std::string& name, EventCallback callback);
+  ZEL_API void unregisterEvent(const std::string& name, EventCallback callback);
   // Queues a copy of each pair registered under `name` now and wakes the event
   // thread; returns at once. Unknown names queue nothing.
-  void sendEvent(const std::string& name);
+  ZEL_API void sendEvent(const std::string& name);
   // Body of the event thread; only the constructor runs it.
-  void processEvents();
+  ZEL_API void processEvents();
   // Ends the event thread (joining it); there is no restart. Events sent
   // afterwards are queued but never called. Must not be called from a
   // callback. May block for the running callback, plus up to 100 ms.
-  void stop();
+  ZEL_API void stop();
 
  private:
   using Entry = std::pair<EventCallback, void*>;
 
-  EventManager();
-  ~EventManager();
+  ZEL_API EventManager();
+  ZEL_API ~EventManager();
 
   std::thread thread;
   std::mutex mutex;

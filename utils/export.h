@@ -8,6 +8,14 @@
 #define ZEL_API __attribute__((visibility("default")))
 #endif
 
+// Marks the private members of an exported class (one with virtual functions,
+// whose vtable and type information clients need) that stay inside the library.
+#if defined(_WIN32)
+#define ZEL_INTERNAL
+#else
+#define ZEL_INTERNAL __attribute__((visibility("hidden")))
+#endif
+
 // Brackets C-linkage declarations that take or return C++ types (every client
 // is C++): the symbols keep their plain names, and clang's warning about a
 // C++ result type under C linkage is quieted for just those lines.

@@ -104,12 +104,12 @@ class ZEL_API Logger : public LogBackend {
  private:
   // The writer: one line, on the Logger's thread. WriteLine is how a queued
   // line (one allocation with its text) reaches it.
-  void Write(const char* text, size_t length, bool toBackends);
-  static void WriteLine(void* logger, const char* text, size_t length, bool toBackends);
+  ZEL_INTERNAL void Write(const char* text, size_t length, bool toBackends);
+  ZEL_INTERNAL static void WriteLine(void* logger, const char* text, size_t length, bool toBackends);
   // Whether today's local date is no longer mDay. Logger thread only.
-  bool DateChanged();
+  ZEL_INTERNAL bool DateChanged();
   // How this Logger's files are named right now.
-  logdetail::FileNaming Naming() const;
+  ZEL_INTERNAL logdetail::FileNaming Naming() const;
 
   std::shared_timed_mutex mBackendMutex;
   std::string mUnused;

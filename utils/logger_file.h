@@ -64,10 +64,10 @@ class ZEL_API LoggerFile {
  private:
   // The writer: one line, on this instance's thread. WriteLine is how a
   // queued line reaches it.
-  void Write(const char* text);
-  static void WriteLine(void* file, const char* text, size_t length, bool toBackends);
+  ZEL_INTERNAL void Write(const char* text);
+  ZEL_INTERNAL static void WriteLine(void* file, const char* text, size_t length, bool toBackends);
   // How this instance's files are named.
-  logdetail::FileNaming Naming() const;
+  ZEL_INTERNAL logdetail::FileNaming Naming() const;
 
   std::string mDir;
   std::string mName;

@@ -72,36 +72,36 @@ class ZEL_API InerTaskMessage : public Message {
 
 // The loop. States: stopped (initial), running, destroying. Results are 0 for
 // success and -1 for refusal.
-class ZEL_API Looper {
+class Looper {
  public:
-  Looper();
+  ZEL_API Looper();
   // Stops a running loop (joining its thread) and drops queued messages unrun.
   // A loop thread that stopped itself is waited for until it has let go.
-  ~Looper();
+  ZEL_API ~Looper();
   Looper(const Looper&) = delete;
   Looper& operator=(const Looper&) = delete;
 
   // Starts the loop thread; -1 if already running or being destroyed. After
   // a stop from the loop's own thread, first waits until that thread has left.
-  int Start();
+  ZEL_API int Start();
   // Stops the loop. From another thread: joins the loop thread (waiting for
   // the running message), -1 with "already stoped " on stdout if it was not
   // running. From the loop's own thread: detaches it, the rest of the current
   // batch is dropped, returns 0. Queued messages stay for the next Start.
-  int Stop();
+  ZEL_API int Stop();
   // Body of the loop thread; only Start runs it.
-  void process();
+  ZEL_API void process();
 
   // Posts for running as soon as possible. From another thread, refused (-1)
   // while stopped; from the loop thread always accepted.
-  int PostMessageAAA(std::unique_ptr<Message> msg);
+  ZEL_API int PostMessageAAA(std::unique_ptr<Message> msg);
   // Posts for running no earlier than delay_ms from now. The queue is FIFO and
   // only its front is inspected, so a delayed message holds back every later one.
-  int PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms);
+  ZEL_API int PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms);
   // Wrap a copy of `cb` in an InerTaskMessage and post it; always return 0,
   // even when the post is refused (the task is then dropped).
-  int PostTask(Callback<void (*)()>& cb);
-  int PostDelayTask(Callback<void (*)()>& cb, long long delay_ms);
+  ZEL_API int PostTask(Callback<void (*)()>& cb);
+  ZEL_API int PostDelayTask(Callback<void (*)()>& cb, long long delay_ms);
 
  private:
   // One contiguous FIFO: posting costs no allocation of its own.

@@ -43,42 +43,42 @@ class ZEL_API MsgSubscriber {
 // The bus. Results are 0 for success and -1 for refusal. Messages are shared:
 // the bus keeps a reference while they are queued; subscribers are held weakly
 // and skipped once they died.
-class ZEL_API MsgBus {
+class MsgBus {
  public:
-  MsgBus();
+  ZEL_API MsgBus();
   // Stops a running bus (joining its thread) and releases queued messages.
   // A bus thread that stopped itself is waited for until it has let go.
-  ~MsgBus();
+  ZEL_API ~MsgBus();
   MsgBus(const MsgBus&) = delete;
   MsgBus& operator=(const MsgBus&) = delete;
 
   // Appends a weak reference to `s` to the subscribers of `msg_type`, in
   // registration order; returns 0. The bus thread reads the registry without
   // the lock, so subscribe before Start (or while the bus is stopped).
-  int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+  ZEL_API int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
   // Removes every reference to `s` under `msg_type`; -1 if there was none.
   // Same rule as Subscribe: not while deliveries may run.
-  int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+  ZEL_API int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
 
   // Starts the bus thread; -1 if already running. Whatever is still queued
   // from an earlier run is delivered by the new thread. After a stop from the
   // bus's own thread, first waits until that thread has left.
-  int Start();
+  ZEL_API int Start();
   // Stops the bus. From another thread: joins the bus thread (waiting for the
   // delivery in progress), -1 with "already stoped " on stdout if it was not
   // running. From the bus thread itself: detaches it and returns 0. Queued
   // messages stay for the next Start.
-  int Stop();
+  ZEL_API int Stop();
 
   // Publishes for delivery as soon as possible. From another thread, refused
   // (-1) while stopped; `when` is overwritten even then. A null message is
   // refused.
-  int PublishMsg(std::shared_ptr<BaseMsg> msg);
+  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg);
   // Publishes for delivery `delay` ms from now; zero or negative is due at once.
-  int PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay);
+  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay);
 
   // Body of the bus thread; only Start runs it.
-  void process();
+  ZEL_API void process();
 
  private:
   // Pending messages by due time; equal times in publication order (a

@@ -20,7 +20,7 @@ namespace zel {
 ZEL_API long long TimerNowMs();
 
 // One scheduled timer. The default callback does nothing.
-struct ZEL_API TimerMsg {
+struct TimerMsg {
   TimerMsg() : callback([](unsigned long long, void*) {}) {}
 
   long long due = 0;       // ms since the library's load (TimerNowMs)
@@ -31,13 +31,13 @@ struct ZEL_API TimerMsg {
   void* user_data = nullptr;
 };
 
-class ZEL_API Timer {
+class Timer {
  public:
   // Starts the timer thread (std::system_error if it cannot be created).
-  Timer();
+  ZEL_API Timer();
   // Waits for the thread's current sleep and callbacks; pending timers are
   // dropped uncalled.
-  ~Timer();
+  ZEL_API ~Timer();
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
@@ -46,11 +46,11 @@ class ZEL_API Timer {
   // 1, 2, 3... per Timer object. A repeating interval must not be negative.
   // A due time too large to represent means "never": the timer stays
   // scheduled (and stoppable) but does not fire. Any thread, callbacks too.
-  unsigned long long Start(long long interval_ms,
+  ZEL_API unsigned long long Start(long long interval_ms,
                            const std::function<void(unsigned long long, void*)>& callback,
                            bool repeat, void* user_data);
   // Cancels the timer `id`; unknown ids are ignored. May be called from a callback.
-  void Stop(unsigned long long id);
+  ZEL_API void Stop(unsigned long long id);
 
  private:
   void Run();

@@ -19,18 +19,18 @@ class ZEL_API WorkerMessage : public Message {
   std::function<void()> task;
 };
 
-class ZEL_API Worker {
+class Worker {
  public:
   // `looper` is not owned and must outlive the Worker.
   explicit Worker(Looper* looper) : looper(looper) {}
 
   // Posts a copy of `fn` and returns at once. On a stopped Looper the closure
   // is dropped silently.
-  void DoAsync(const std::function<void()>& fn);
+  ZEL_API void DoAsync(const std::function<void()>& fn);
   // Posts a copy of `fn` and returns once it has run on the loop thread,
   // polling every 10 ms. Never returns on a stopped Looper, or when called
   // from the loop's own thread.
-  void DoSync(const std::function<void()>& fn);
+  ZEL_API void DoSync(const std::function<void()>& fn);
 
   Looper* looper;
 };

@@ -9,12 +9,12 @@
 
 namespace zel {
 
-class ZEL_API ZelEnv {
+class ZelEnv {
  public:
   // The value stored under `name`, or "" when there is none.
-  static std::string zel_get_env(std::string name);
+  ZEL_API static std::string zel_get_env(std::string name);
   // Stores `value` under `name`, replacing any earlier value; returns 0.
-  static int zel_set_env(const std::string& name, const std::string& value);
+  ZEL_API static int zel_set_env(const std::string& name, const std::string& value);
 };
 
 }  // namespace zel

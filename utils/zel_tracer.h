@@ -162,8 +162,8 @@ class ZEL_API ZelTracer {
   std::shared_timed_mutex rwlock;
   std::vector<TracerBackend*> backends;
 
-  static ZelTracer* sZelTracer;
-  static std::mutex sMutex;
+  ZEL_INTERNAL static ZelTracer* sZelTracer;
+  ZEL_INTERNAL static std::mutex sMutex;
 };
 
 }  // namespace zel
