@@ -62,6 +62,7 @@ bool fileExists(const char* path) { return access(path, F_OK) == 0; }
 
 bool deleteFile(const char* path) { return std::remove(path) == 0; }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the API's
 int SavePrinterFile(unsigned int len, unsigned char* buffer, std::string label,
                     std::string& local_name) {
   if (len < kMinChunkLength) {

@@ -115,7 +115,7 @@ extern "C" bool check_ip_by_icmp(const std::string& ip, int timeout_ms, int retr
     close(sock);
     return false;
   }
-  timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+  timeval timeout{timeout_ms / 1000, static_cast<suseconds_t>(timeout_ms % 1000) * 1000};
   setsockopt(sock, SOL_SOCKET, kReceiveTimeoutOption, &timeout, sizeof(timeout));  // fails
 
   unsigned char request[kEchoRequestSize];

@@ -45,7 +45,7 @@ std::string ExecutableDir(size_t size) {
   if (slash != nullptr) {
     std::strncpy(&dir[0], path, std::min<size_t>(slash - path, size - 1));
   }
-  return std::string(dir.c_str());
+  return dir.substr(0, dir.find('\0'));
 }
 
 const char* FileNameOf(const char* path) {

@@ -19,6 +19,7 @@ std::map<std::string, std::string>& Table() {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the API's
 std::string ZelEnv::zel_get_env(std::string name) {
   std::lock_guard<std::mutex> lock(TableMutex());
   auto found = Table().find(name);

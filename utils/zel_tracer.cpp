@@ -287,6 +287,7 @@ std::string ZelTracer::StatusToString(unsigned short v) {
   }
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the API's
 std::string ZelTracer::CidsToString(std::vector<unsigned int> codes) {
   // USB interface classes 1..14, indexed by class - 1; a set bit in the mask
   // marks an entry with a name.
