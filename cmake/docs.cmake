@@ -26,7 +26,9 @@ set(DOXYGEN_STRIP_FROM_INC_PATH ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
 set(DOXYGEN_ENABLE_PREPROCESSING YES)
 set(DOXYGEN_MACRO_EXPANSION YES)
 set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
-set(DOXYGEN_PREDEFINED "ZEL_API=" "ZEL_INTERNAL=" "ZEL_BEGIN_C_LINKAGE=extern \"C\" {"
+# The inner quotes are escaped for the Doxyfile: doxygen_add_docs quotes a
+# value with spaces but leaves quotes inside it as they are.
+set(DOXYGEN_PREDEFINED "ZEL_API=" "ZEL_INTERNAL=" "ZEL_BEGIN_C_LINKAGE=extern \\\"C\\\" {"
                        "ZEL_END_C_LINKAGE=}")
 set(DOXYGEN_EXCLUDE_SYMBOLS "zel::logdetail" "zel::logdetail::*" "zel::LoopThread")
 
