@@ -1,7 +1,8 @@
-// Process-wide table of named events. Code registers plain C callbacks (each
-// with a context pointer) under a name; any thread sends an event by name, and
-// one event thread calls that name's callbacks, one at a time, in registration
-// order. Sending only queues: it never waits for the callbacks.
+/// @file
+/// Process-wide table of named events. Code registers plain C callbacks (each
+/// with a context pointer) under a name; any thread sends an event by name, and
+/// one event thread calls that name's callbacks, one at a time, in registration
+/// order. Sending only queues: it never waits for the callbacks.
 #pragma once
 
 #include <atomic>
@@ -18,32 +19,45 @@
 
 namespace zel {
 
+/// The table of named events and its event thread. Any thread may register,
+/// unregister and send; callbacks run on the event thread, outside the lock,
+/// so a callback may register, unregister or send too.
 class EventManager {
  public:
+  /// A callback, called on the event thread with the context pointer it was
+  /// registered with.
   using EventCallback = void (*)(void*);
 
-  // The one instance, created (and its event thread started) on first use and
-  // destroyed at process exit.
+  /// The one instance, created (and its event thread started) on first use and
+  /// destroyed at process exit.
+  /// @return The instance.
   ZEL_API static EventManager& getInstance();
 
   EventManager(const EventManager&) = delete;
   EventManager& operator=(const EventManager&) = delete;
 
-  // Appends (callback, arg) to the callbacks of `name`. Duplicates are kept
-  // and called once per appearance. The manager never touches `arg`.
+  /// Appends (callback, arg) to the callbacks of `name`. Duplicates are kept
+  /// and called once per appearance.
+  /// @param name Event name.
+  /// @param callback Function to call.
+  /// @param arg Context pointer handed to `callback`; not owned, the manager
+  ///   never touches it.
   ZEL_API void registerEvent(const std::string& name, EventCallback callback, void* arg);
-  // Removes every pair of `name` whose function is `callback`, whatever its
-  // argument; the name is forgotten once its last pair is gone. Unknown
-  // names are ignored.
+  /// Removes every pair of `name` whose function is `callback`, whatever its
+  /// argument; the name is forgotten once its last pair is gone. Unknown
+  /// names are ignored.
+  /// @param name Event name.
+  /// @param callback Function to remove.
   ZEL_API void unregisterEvent(const std::string& name, EventCallback callback);
-  // Queues a copy of each pair registered under `name` now and wakes the event
-  // thread; returns at once. Unknown names queue nothing.
+  /// Queues a copy of each pair registered under `name` now and wakes the event
+  /// thread; returns at once. Unknown names queue nothing.
+  /// @param name Event name.
   ZEL_API void sendEvent(const std::string& name);
-  // Body of the event thread; only the constructor runs it.
+  /// Body of the event thread; only the constructor runs it.
   ZEL_API void processEvents();
-  // Ends the event thread (joining it); there is no restart. Events sent
-  // afterwards are queued but never called. Must not be called from a
-  // callback. May block for the running callback, plus up to 100 ms.
+  /// Ends the event thread (joining it); there is no restart. Events sent
+  /// afterwards are queued but never called. Must not be called from a
+  /// callback. May block for the running callback, plus up to 100 ms.
   ZEL_API void stop();
 
  private:
@@ -52,11 +66,17 @@ class EventManager {
   ZEL_API EventManager();
   ZEL_API ~EventManager();
 
+  // The event thread. Started by the constructor, joined by stop().
   std::thread thread;
+  // Guards queue and events.
   std::mutex mutex;
+  // Wakes the event thread; notified by sendEvent and stop().
   std::condition_variable cond;
+  // Pairs sent and not yet called. Guarded by mutex.
   std::deque<Entry> queue;
+  // Registered pairs by name. Guarded by mutex.
   std::unordered_map<std::string, std::vector<Entry>> events;
+  // Cleared by stop() without the lock (atomic); the event thread polls it.
   std::atomic<bool> running{true};
 };
 
