@@ -1,6 +1,7 @@
-// The one thread behind a Looper or a MsgBus, and the start/stop rules the
-// two share. Used by those classes only; installed because their headers
-// hold one by value.
+/// @file
+/// The one thread behind a Looper or a MsgBus, and the start/stop rules the
+/// two share. Used by those classes only; installed because their headers
+/// hold one by value.
 #pragma once
 
 #include <atomic>

@@ -1,6 +1,7 @@
-// The file a log writer appends to, and the rotation by which the process log
-// (Logger) and named logs (LoggerFile) move it aside and clean up after it.
-// Internal to those two classes; installed because LoggerFile holds one.
+/// @file
+/// The file a log writer appends to, and the rotation by which the process log
+/// (Logger) and named logs (LoggerFile) move it aside and clean up after it.
+/// Internal to those two classes; installed because LoggerFile holds one.
 #pragma once
 
 #include <sys/types.h>
