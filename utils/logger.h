@@ -1,13 +1,14 @@
-// The process log: one Logger per process, written by its own loop thread.
-//
-// Callers on any thread hand finished lines to Log(); the Logger's Looper
-// thread writes them, in posting order, to
-//   <base><YYYYMMDD>/zel.log.<process>-<pid>.<hhmmss>.txt
-// where <base> is the fixed base set by zel_set_log_path, or
-// "/Users/" + $USER + "/Library/zel/". The file is rotated to
-// zel.log.<process>-<pid>.<hhmmss>.<n> once it passed 5242880 bytes, on a date
-// change and when it vanished; 10 files per process and time tag are kept.
-// The Logger's own complaints go to standard output, never into the log.
+/// @file
+/// The process log: one Logger per process, written by its own loop thread.
+///
+/// Callers on any thread hand finished lines to Log(); the Logger's Looper
+/// thread writes them, in posting order, to
+/// `<base><YYYYMMDD>/zel.log.<process>-<pid>.<hhmmss>.txt`
+/// where `<base>` is the fixed base set by zel_set_log_path, or
+/// "/Users/" + $USER + "/Library/zel/". The file is rotated to
+/// `zel.log.<process>-<pid>.<hhmmss>.<n>` once it passed 5242880 bytes, on a
+/// date change and when it vanished; 10 files per process and time tag are
+/// kept. The Logger's own complaints go to standard output, never into the log.
 #pragma once
 
 #include <sys/types.h>
@@ -28,13 +29,22 @@
 
 namespace zel {
 
-// A sink for log lines. Clients attach their own to the Logger (AddBackend);
-// attached sinks run on the Logger's thread, under its shared backend lock.
+/// A sink for log lines. Clients attach their own to the Logger (AddBackend);
+/// attached sinks run on the Logger's thread, under its shared backend lock.
 class ZEL_API LogBackend {
  public:
+  /// Destroys the sink; detach it from the Logger first.
   virtual ~LogBackend() = default;
+  /// Takes one line. The Logger calls this form for its sinks.
+  /// @param msg The line as written to the file (prefix and newline included
+  ///   for lines from log_print).
+  /// @return The sink's own result; the Logger ignores it.
   virtual int Log(const std::string& msg) = 0;
-  // Default: the level and flag are ignored.
+  /// Default: the level and flag are ignored.
+  /// @param msg The line.
+  /// @param level Ignored by default.
+  /// @param toBackends Ignored by default.
+  /// @return Log(msg)'s result.
   virtual int Log(const std::string& msg, int level, bool toBackends) {
     (void)level;
     (void)toBackends;
@@ -42,82 +52,131 @@ class ZEL_API LogBackend {
   }
 };
 
-// One queued line, owned by the message that carries it.
+/// One queued line, owned by the message that carries it. A plain record:
+/// whoever holds it guards it.
 struct LogInfo {
-  std::string msg;          // written as is: no prefix, no newline added
-  int level = 3;            // stored, never read
-  bool toBackends = false;  // also hand the line to the attached sinks
+  std::string msg;          ///< written as is: no prefix, no newline added
+  int level = 3;            ///< stored, never read
+  bool toBackends = false;  ///< also hand the line to the attached sinks
 };
 
-// The process log. Create it through GetInstance (log_print does); it lives
-// until the process exits. Everything but Log/AddBackend/RemoveBackend runs on
-// the Logger's own thread (and, once, in the constructor). Queued lines travel
-// as messages of their own that carry the text inline (one allocation each);
-// LogInfo is the record of the same three fields that clients know.
+/// The process log. Create it through GetInstance (log_print does); it lives
+/// until the process exits. Everything but Log/AddBackend/RemoveBackend runs on
+/// the Logger's own thread (and, once, in the constructor). Queued lines travel
+/// as messages of their own that carry the text inline (one allocation each);
+/// LogInfo is the record of the same three fields that clients know.
 class ZEL_API Logger : public LogBackend {
  public:
-  // Sets up the members and runs init(): day directory and writer thread.
+  /// Sets up the members and runs init(): day directory and writer thread.
   Logger();
-  // Stops the writer (queued lines are dropped). The current file stays open.
+  /// Stops the writer (queued lines are dropped). The current file stays open.
   ~Logger() override;
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // The singleton, created on first use (double-checked under sMutex).
+  /// The singleton, created on first use (double-checked under sMutex). Any
+  /// thread.
+  /// @return The Logger; never destroyed.
   static Logger* GetInstance();
 
-  // Queue `msg` for writing: level 3, not to the sinks. 0 posted, -1 refused.
+  /// Queue `msg` for writing: level 3, not to the sinks. Any thread.
+  /// @param msg The line, written as is; copied.
+  /// @return 0 posted, -1 refused.
   int Log(const std::string& msg) override;
+  /// Queue `msg` for writing. Any thread.
+  /// @param msg The line, written as is; copied.
+  /// @param level Stored, never read.
+  /// @param toBackends Also hand the line to the attached sinks.
+  /// @return 0 posted, -1 refused.
   int Log(const std::string& msg, int level, bool toBackends) override;
-  // The same for a temporary: its text is copied into the line's own
-  // allocation like any other.
+  /// The same for a temporary: its text is copied into the line's own
+  /// allocation like any other. Any thread.
+  /// @param msg The line, written as is.
+  /// @param level Stored, never read.
+  /// @param toBackends Also hand the line to the attached sinks.
+  /// @return 0 posted, -1 refused.
   int Log(std::string&& msg, int level, bool toBackends);
-  // The same for `length` characters at `text`, copied: one allocation per
-  // line, whatever its length. Can be called on any thread.
+  /// The same for `length` characters at `text`, copied: one allocation per
+  /// line, whatever its length. Can be called on any thread.
+  /// @param text The line; the file gets it up to its first NUL.
+  /// @param length Number of characters at `text`.
+  /// @param level Stored, never read.
+  /// @param toBackends Also hand the line to the attached sinks.
+  /// @return 0 posted, -1 refused.
   int Log(const char* text, size_t length, int level, bool toBackends);
 
-  // Attach/detach a client sink (not owned). Takes the backend lock exclusively.
+  /// Attach a client sink (not owned). Takes the backend lock exclusively.
+  /// Any thread.
+  /// @param backend The sink; must stay alive until it is removed.
   void AddBackend(LogBackend* backend);
+  /// Detach a client sink (every entry of it). Takes the backend lock
+  /// exclusively, so it waits for a sink call in progress. Any thread.
+  /// @param backend The sink to detach.
   void RemoveBackend(LogBackend* backend);
 
+  /// Computes the day directory and starts the writer thread. Run by the
+  /// constructor; not to be called again while lines are logged.
+  /// @return Always 0.
   int init();
-  // Day directory: mFixedDirPrefix or BuildLogPath, plus "YYYYMMDD/".
-  // Recomputed (with a new time tag) only when the date changed.
+  /// Day directory: mFixedDirPrefix or BuildLogPath, plus "YYYYMMDD/".
+  /// Recomputed (with a new time tag) only when the date changed. Logger
+  /// thread only.
+  /// @return The day directory, ending in "/".
   std::string getPrefix();
-  // Creates the day directory chain if needed and stores it in mLogDir.
+  /// Creates the day directory chain if needed and stores it in mLogDir.
+  /// Logger thread only.
   void UpdateLogDir();
+  /// Runs UpdateLogDir and notes the directory's length. Logger thread only.
+  /// @return Always 0.
   int logFileInit();
+  /// The stream lines go to. Logger thread only.
+  /// @return getFile() in file mode, else stderr.
   FILE* getLogFp();
-  // The file to write now, rotating or (re)opening it as needed.
+  /// The file to write now, rotating or (re)opening it as needed. Logger
+  /// thread only.
+  /// @return The open file, or null when it cannot be opened.
   FILE* getFile();
-  // Deletes the rotated file numbered index - 10 (mod 256), if present.
+  /// Deletes the rotated file numbered index - 10 (mod 256), if present.
+  /// Logger thread only.
+  /// @param index The rotation number just used.
   void updateLogFile(unsigned char index);
 
+  /// The singleton: null until GetInstance made it, then never changed.
+  /// Atomic.
   static std::atomic<Logger*> sLogger;
+  /// Held by GetInstance while it creates the singleton.
   static std::mutex sMutex;
-  // Written by the Logger thread and by zel_set_log_path, read by
-  // zel_get_log_path, all without a lock: callers set the path once, first.
-  // Never destroyed: the Logger thread may still read them while the process exits.
+  /// The day directory last computed ("" before the first). Written by the
+  /// Logger thread and read by zel_get_log_path, without a lock. Never
+  /// destroyed: the Logger thread may still read it while the process exits.
   static std::string& mDirPrefix;
+  /// The fixed log base ("" for the default). Written by zel_set_log_path and
+  /// read by the Logger thread, without a lock: callers set the path once,
+  /// first. Never destroyed, like mDirPrefix.
   static std::string& mFixedDirPrefix;
 
  private:
   // The writer: one line, on the Logger's thread. WriteLine is how a queued
   // line (one allocation with its text) reaches it.
   ZEL_INTERNAL void Write(const char* text, size_t length, bool toBackends);
-  ZEL_INTERNAL static void WriteLine(void* logger, const char* text, size_t length, bool toBackends);
+  ZEL_INTERNAL static void WriteLine(void* logger, const char* text, size_t length,
+                                     bool toBackends);
   // Whether today's local date is no longer mDay. Logger thread only.
   ZEL_INTERNAL bool DateChanged();
   // How this Logger's files are named right now.
   ZEL_INTERNAL logdetail::FileNaming Naming() const;
 
+  // Guards mBackends: shared while sinks run, exclusive to attach or detach.
   std::shared_timed_mutex mBackendMutex;
-  std::string mUnused;
+  std::string mUnused;  // never used
+  // Directory, time tag, process tag and directory length of the file names,
+  // the file mode and the day: Logger thread only (and init()).
   std::string mLogDir;
   std::string mTimeTag;
   std::string mProcTag;
   size_t mLogDirLen = 0;
   bool mFileMode = true;
+  // Immutable: files kept and rotation size.
   uint32_t mMaxFileCount = 10;
   int32_t mMaxFileSize = 5242880;
   FILE* mFp = nullptr;  // never opened: the file written is the file-scope one
@@ -132,8 +191,10 @@ class ZEL_API Logger : public LogBackend {
   std::vector<LogBackend*> mBackends;  // guarded by mBackendMutex
 };
 
-// "/Users/" [+ $USER + "/Library/zel/"] [+ sub + "/"]; creates the last
-// component if missing (the full chain is UpdateLogDir's job).
+/// Builds a log directory path and creates its last component if missing
+/// (the full chain is UpdateLogDir's job). Any thread.
+/// @param sub Sub-directory to append, or "" for none.
+/// @return "/Users/" [+ $USER + "/Library/zel/"] [+ sub + "/"].
 ZEL_API std::string BuildLogPath(const std::string& sub);
 
 }  // namespace zel
