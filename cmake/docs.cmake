@@ -13,6 +13,9 @@ set(DOXYGEN_GENERATE_HTML YES)
 set(DOXYGEN_GENERATE_LATEX NO)
 set(DOXYGEN_EXTRACT_ALL NO)
 set(DOXYGEN_EXTRACT_PRIVATE NO)
+# The trace keys are namespace-scope static constants: without this they would
+# be left out of the reference.
+set(DOXYGEN_EXTRACT_STATIC YES)
 set(DOXYGEN_WARN_IF_UNDOCUMENTED YES)
 set(DOXYGEN_WARN_IF_DOC_ERROR YES)
 set(DOXYGEN_WARN_NO_PARAMDOC YES)
