@@ -13,7 +13,7 @@
 #include "utils/export.h"
 
 /// The key-file type, without pulling GLib into clients' includes.
-typedef struct _GKeyFile GKeyFile;
+typedef struct _GKeyFile GKeyFile;  // NOLINT(bugprone-reserved-identifier): GLib's own name
 
 namespace zel {
 
