@@ -1,5 +1,7 @@
 #include "settings_file.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +22,19 @@ struct File {
   File& operator=(const File&) = delete;
   FILE* handle;
 };
+
+// fopen for reading, refusing a folder (which glibc would open and read as empty).
+FILE* OpenForReading(const std::string& path) {
+  FILE* file = std::fopen(path.c_str(), "r");
+  if (file == nullptr) return nullptr;
+  struct stat info = {};
+  if (fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode)) {
+    std::fclose(file);
+    errno = EISDIR;
+    return nullptr;
+  }
+  return file;
+}
 
 // One piece of a line, NUL bytes included; returns its byte count (0 at the end).
 size_t ReadPiece(FILE* file, char (&line)[kLineSize]) {
@@ -52,7 +67,7 @@ int LookUpSetting(const std::string& path, const std::string& section, const std
                   bool* found, std::string* value) {
   *found = false;
   value->clear();
-  File file(std::fopen(path.c_str(), "r"));
+  File file(OpenForReading(path));
   if (file.handle == nullptr) return errno;
   char header[kHeaderSize];
   FormatHeader(section, header);
@@ -80,7 +95,7 @@ int LookUpSetting(const std::string& path, const std::string& section, const std
 int FindSettingForWrite(const std::string& path, const std::string& section,
                         const std::string& key, bool* found) {
   *found = false;
-  File file(std::fopen(path.c_str(), "r"));
+  File file(OpenForReading(path));
   if (file.handle == nullptr) return errno;
   char header[kHeaderSize];
   FormatHeader(section, header);
@@ -102,7 +117,7 @@ int FindSettingForWrite(const std::string& path, const std::string& section,
 
 int WriteSetting(const std::string& path, const std::string& section, const std::string& key,
                  const std::string& value, std::string* failed_path) {
-  File in(std::fopen(path.c_str(), "r"));
+  File in(OpenForReading(path));
   if (in.handle == nullptr) {
     *failed_path = path;
     return errno;
