@@ -23,7 +23,7 @@
 namespace zelctl {
 namespace {
 
-constexpr size_t kReadBufferSize = 1 << 18;    // per stream, one-shot merge
+constexpr size_t kReadBufferSize = 1 << 16;    // per stream, one-shot merge
 constexpr size_t kFollowBufferSize = 1 << 16;  // per stream, follow mode
 constexpr long kFollowPollMs = 200;
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -17,6 +18,17 @@ namespace {
 
 // A JSON line holds at most this much of one log line.
 constexpr size_t kJsonLineLimit = 1 << 20;
+
+// The first n bytes (9 to 16, as every stamp head is) of a and b are equal:
+// two overlapping 8-byte compares instead of a call to memcmp.
+inline bool SameHead(const char* a, const char* b, size_t n) {
+  uint64_t a0, b0, a1, b1;
+  std::memcpy(&a0, a, 8);
+  std::memcpy(&b0, b, 8);
+  std::memcpy(&a1, a + n - 8, 8);
+  std::memcpy(&b1, b + n - 8, 8);
+  return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+}
 
 bool Contains(const char* data, size_t size, const std::string& needle) {
   return memmem(data, size, needle.data(), needle.size()) != nullptr;
@@ -62,6 +74,24 @@ void OutputBuffer::Append(const char* data, size_t size) {
   used_ += size;
 }
 
+void OutputBuffer::AppendLine(const std::string& prefix, const char* text, size_t size) {
+  const size_t total = prefix.size() + 1 + size + 1;
+  if (total > buffer_.size() - used_) {
+    Append(prefix.data(), prefix.size());
+    Append(' ');
+    Append(text, size);
+    Append('\n');
+    return;
+  }
+  char* out = buffer_.data() + used_;
+  std::memcpy(out, prefix.data(), prefix.size());
+  out += prefix.size();
+  *out++ = ' ';
+  std::memcpy(out, text, size);
+  out[size] = '\n';
+  used_ += total;
+}
+
 void OutputBuffer::Append(char c) {
   if (used_ == buffer_.size()) Flush();
   buffer_[used_++] = c;
@@ -78,6 +108,29 @@ std::string TimeOfKey(int64_t key) {
   return text;
 }
 
+bool MergeSource::StampKey(const LineView& line, int64_t* key) {
+  const char* p = line.data;
+  const size_t n = stamp_head_size;
+  if (n != 0 && line.size >= n + 4 && SameHead(p, stamp_head, n) && p[n + 3] == ']' &&
+      static_cast<unsigned char>(p[n] - '0') < 10 &&
+      static_cast<unsigned char>(p[n + 1] - '0') < 10 &&
+      static_cast<unsigned char>(p[n + 2] - '0') < 10) {
+    *key = stamp_head_key + (p[n] - '0') * 100 + (p[n + 1] - '0') * 10 + (p[n + 2] - '0');
+    return true;
+  }
+  PrefixTime time;
+  if (!ParseLinePrefix(line.data, line.size, &time)) return false;
+  *key = clock.KeyOf(time);
+  // The stamp ends in ".mmm]": what comes before the milliseconds is the head.
+  const char* dot = static_cast<const char*>(std::memchr(p, '.', std::min<size_t>(line.size, 16)));
+  if (dot != nullptr && dot - p >= 8) {
+    stamp_head_size = static_cast<size_t>(dot - p) + 1;
+    std::memcpy(stamp_head, p, stamp_head_size);
+    stamp_head_key = *key - time.ms_of_day % 1000;
+  }
+  return true;
+}
+
 LogMerger::LogMerger(const LineFilter& filter, bool json, OutputBuffer* out)
     : filter_(filter), json_(json), out_(out) {}
 
@@ -91,10 +144,8 @@ bool LogMerger::TimePasses(int64_t key) const {
 bool LogMerger::Pull(MergeSource* source) {
   LineView line;
   if (source->stream->NextLine(&line) != LineStream::Result::kLine) return false;
-  PrefixTime time;
   source->head = line;
-  source->head_key = ParseLinePrefix(line.data, line.size, &time) ? source->clock.KeyOf(time)
-                                                                 : source->last_key;
+  if (!source->StampKey(line, &source->head_key)) source->head_key = source->last_key;
   source->has_head = true;
   return true;
 }
@@ -131,6 +182,11 @@ void LogMerger::EmitLine(MergeSource* source, LineView line, int64_t key, bool t
     }
     return;
   }
+  if (matches && !line.partial) {
+    out_->AppendLine(source->tag, line.data, line.size);
+    ++lines_written_;
+    return;
+  }
   if (matches) {
     out_->Append(source->tag.data(), source->tag.size());
     out_->Append(' ');
@@ -154,10 +210,8 @@ void LogMerger::EmitRecord(MergeSource* source) {
   // Unstamped lines that follow stay with this record.
   LineView line;
   while (source->stream->NextLine(&line) == LineStream::Result::kLine) {
-    PrefixTime time;
-    if (ParseLinePrefix(line.data, line.size, &time)) {
+    if (source->StampKey(line, &source->head_key)) {
       source->head = line;
-      source->head_key = source->clock.KeyOf(time);
       source->has_head = true;
       return;
     }
@@ -165,42 +219,57 @@ void LogMerger::EmitRecord(MergeSource* source) {
   }
 }
 
+int64_t LogMerger::RankOf(const MergeSource& source) {
+  // Keys are milliseconds since 1970 (or unknown, ranked first); the order
+  // fills the low 12 bits, so one comparison decides (key, order).
+  constexpr int64_t kOrderSlots = 4096;
+  const int64_t key = source.head_key == kUnknownTime ? -1 : source.head_key;
+  const int64_t order = std::min<int64_t>(source.order, kOrderSlots - 1);
+  return (key + 1) * kOrderSlots + order;
+}
+
 void LogMerger::SiftDown(size_t index) {
   const size_t size = heap_.size();
+  const HeapEntry moving = heap_[index];
   for (;;) {
-    const size_t left = 2 * index + 1;
-    if (left >= size) return;
-    size_t smallest = left;
-    if (left + 1 < size && Before(heap_[left + 1], heap_[left])) smallest = left + 1;
-    if (!Before(heap_[smallest], heap_[index])) return;
-    std::swap(heap_[smallest], heap_[index]);
-    index = smallest;
+    size_t child = 2 * index + 1;
+    if (child >= size) break;
+    // Branch-free choice of the smaller child: the merge's order is random.
+    if (child + 1 < size) child += heap_[child + 1].rank < heap_[child].rank ? 1 : 0;
+    if (heap_[child].rank >= moving.rank) break;
+    heap_[index] = heap_[child];
+    index = child;
   }
+  heap_[index] = moving;
 }
 
 void LogMerger::SiftUp(size_t index) {
+  const HeapEntry moving = heap_[index];
   while (index > 0) {
     const size_t parent = (index - 1) / 2;
-    if (!Before(heap_[index], heap_[parent])) return;
-    std::swap(heap_[index], heap_[parent]);
+    if (heap_[parent].rank <= moving.rank) break;
+    heap_[index] = heap_[parent];
     index = parent;
   }
+  heap_[index] = moving;
 }
 
 void LogMerger::Run(const std::vector<MergeSource*>& sources, const volatile int* stop) {
   heap_.clear();
   for (MergeSource* source : sources) {
     if (source->has_head || Pull(source)) {
-      heap_.push_back(source);
+      heap_.push_back(HeapEntry{RankOf(*source), source});
       SiftUp(heap_.size() - 1);
     }
   }
   unsigned records = 0;
   while (!heap_.empty()) {
     if ((++records & 4095) == 0 && stop != nullptr && *stop != 0) break;
-    MergeSource* top = heap_[0];
+    MergeSource* top = heap_[0].source;
     EmitRecord(top);
-    if (!top->has_head) {
+    if (top->has_head) {
+      heap_[0].rank = RankOf(*top);
+    } else {
       heap_[0] = heap_.back();
       heap_.pop_back();
     }

@@ -30,12 +30,14 @@ struct LineFilter {
 // Buffered writes to a file descriptor; a full buffer goes out in one write().
 class OutputBuffer {
  public:
-  explicit OutputBuffer(int fd, size_t capacity = 1 << 18);
+  explicit OutputBuffer(int fd, size_t capacity = 1 << 16);
   ~OutputBuffer();
   OutputBuffer(const OutputBuffer&) = delete;
   OutputBuffer& operator=(const OutputBuffer&) = delete;
   void Append(const char* data, size_t size);
   void Append(char c);
+  // prefix, a blank, text and a newline: the common case with one bounds check.
+  void AppendLine(const std::string& prefix, const char* text, size_t size);
   void Flush();
   // A reader that went away (EPIPE) ends the output quietly; any other error is one.
   bool reader_gone() const { return reader_gone_; }
@@ -64,6 +66,15 @@ struct MergeSource {
   bool has_head = false;
   int64_t head_key = kUnknownTime;
   int64_t last_key = kUnknownTime;  // the record the next unstamped line joins
+
+  // Lines of one second share their stamp up to the milliseconds: the last
+  // such head ("[M-D hh:mm:ss.") and its key are kept to skip most parsing.
+  char stamp_head[16] = {};
+  size_t stamp_head_size = 0;
+  int64_t stamp_head_key = 0;
+
+  // The key of `line` when it starts with a stamp; false otherwise.
+  bool StampKey(const LineView& line, int64_t* key);
 };
 
 class LogMerger {
@@ -80,17 +91,19 @@ class LogMerger {
   void EmitLine(MergeSource* source, LineView line, int64_t key, bool time_passes);
   void EmitJson(const MergeSource& source, const std::string& text, int64_t key);
   bool TimePasses(int64_t key) const;
-  // Heap of sources by (head_key, order).
-  static bool Before(const MergeSource* a, const MergeSource* b) {
-    return a->head_key < b->head_key || (a->head_key == b->head_key && a->order < b->order);
-  }
+  // Heap of sources by (head_key, order), packed into one integer per entry.
+  struct HeapEntry {
+    int64_t rank;
+    MergeSource* source;
+  };
+  static int64_t RankOf(const MergeSource& source);
   void SiftDown(size_t index);
   void SiftUp(size_t index);
 
   LineFilter filter_;
   bool json_;
   OutputBuffer* out_;
-  std::vector<MergeSource*> heap_;
+  std::vector<HeapEntry> heap_;
   uint64_t lines_written_ = 0;
 };
 
