@@ -6,8 +6,8 @@
 //
 //   zelctl_logs_bench [--zelctl PATH] [--runs N] [--small-only]
 #include <fcntl.h>
-#include <malloc.h>
 #include <ftw.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -55,8 +55,7 @@ RunResult Run(const std::vector<std::string>& args, int out_fd) {
   RunResult result;
   struct rusage usage = {};
   wait4(child, &result.status, 0, &usage);
-  result.seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   result.max_rss_kib = usage.ru_maxrss;
   return result;
 }
@@ -66,9 +65,9 @@ RunResult Run(const std::vector<std::string>& args, int out_fd) {
 void Generate(const std::string& dir, size_t file_size, std::vector<std::string>* files,
               size_t* total_bytes, size_t* total_lines) {
   mkdir(dir.c_str(), 0755);
-  const char* words[] = {"usb",   "attach", "device", "redirect", "camera", "printer",
-                         "chunk", "offset", "vid",    "pid",      "status", "ok",
-                         "retry", "server", "session", "policy",  "class",  "0x1d6b"};
+  const char* words[] = {"usb",   "attach", "device",  "redirect", "camera", "printer",
+                         "chunk", "offset", "vid",     "pid",      "status", "ok",
+                         "retry", "server", "session", "policy",   "class",  "0x1d6b"};
   for (int p = 0; p < kProcesses; ++p) {
     std::mt19937 random(1234 + p);
     std::string tag = "proc" + std::to_string(p) + "-" + std::to_string(4000 + p * 17);
@@ -96,7 +95,8 @@ void Generate(const std::string& dir, size_t file_size, std::vector<std::string>
         ++*total_lines;
       }
       const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+      if (fd < 0 ||
+          write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
         std::perror(path.c_str());
         std::exit(1);
       }
@@ -112,7 +112,9 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-long Max(const std::vector<long>& values) { return *std::max_element(values.begin(), values.end()); }
+long Max(const std::vector<long>& values) {
+  return *std::max_element(values.begin(), values.end());
+}
 
 // Lines that zelctl writes for the whole day (a check that the run is a full merge).
 size_t CountOutputLines(const std::vector<std::string>& args) {
@@ -159,8 +161,8 @@ void Measure(const std::string& zelctl, size_t file_size, int runs) {
 
   std::vector<std::string> cat = {"cat"};
   cat.insert(cat.end(), files.begin(), files.end());
-  std::vector<std::string> sort = {"sort", "-m", "-s", "-t", "]", "-k1,1",
-                                   "--batch-size=" + std::to_string(files.size())};
+  std::vector<std::string> sort = {
+      "sort", "-m", "-s", "-t", "]", "-k1,1", "--batch-size=" + std::to_string(files.size())};
   sort.insert(sort.end(), files.begin(), files.end());
   const std::vector<std::string> logs = {zelctl, "logs", "--base", base, "--day", kDay};
 
@@ -187,21 +189,24 @@ void Measure(const std::string& zelctl, size_t file_size, int runs) {
   close(null_fd);
   const double cat_mbs = mb / Median(t_cat), sort_mbs = mb / Median(t_sort),
                logs_mbs = mb / Median(t_logs);
-  std::printf("input: %d processes x %d files x %zu bytes = %.1f MB, %zu lines (zelctl wrote %zu)\n",
-              kProcesses, kFilesPerProcess, file_size, mb, lines, merged);
+  std::printf(
+      "input: %d processes x %d files x %zu bytes = %.1f MB, %zu lines (zelctl wrote %zu)\n",
+      kProcesses, kFilesPerProcess, file_size, mb, lines, merged);
   std::printf("| contender | MB/s (median of %d) | peak RSS KiB | zelctl logs vs it |\n", runs);
   std::printf("|---|---|---|---|\n");
   std::printf("| cat (floor) | %.0f | %ld | x%.2f |\n", cat_mbs, Max(rss_cat), logs_mbs / cat_mbs);
   std::printf("| sort -m -t']' -k1,1 | %.0f | %ld | x%.2f |\n", sort_mbs, Max(rss_sort),
               logs_mbs / sort_mbs);
   std::printf("| zelctl logs | %.0f | %ld | |\n", logs_mbs, Max(rss_logs));
-  std::printf("RESULT zelctl.%zu.mb_per_s %.0f\nRESULT zelctl.%zu.vs_cat %.2f\n"
-              "RESULT zelctl.%zu.vs_sort %.2f\nRESULT zelctl.%zu.max_rss_kib %ld\n\n",
-              file_size, logs_mbs, file_size, logs_mbs / cat_mbs, file_size,
-              logs_mbs / sort_mbs, file_size, Max(rss_logs));
+  std::printf(
+      "RESULT zelctl.%zu.mb_per_s %.0f\nRESULT zelctl.%zu.vs_cat %.2f\n"
+      "RESULT zelctl.%zu.vs_sort %.2f\nRESULT zelctl.%zu.max_rss_kib %ld\n\n",
+      file_size, logs_mbs, file_size, logs_mbs / cat_mbs, file_size, logs_mbs / sort_mbs, file_size,
+      Max(rss_logs));
   std::fflush(stdout);
-  nftw(pattern, [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); },
-       16, FTW_DEPTH | FTW_PHYS);
+  nftw(
+      pattern, [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); },
+      16, FTW_DEPTH | FTW_PHYS);
 }
 
 }  // namespace
@@ -229,7 +234,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "no zelctl binary: pass --zelctl PATH\n");
     return 2;
   }
-  Measure(zelctl, 512 * 1024, runs);  // 10 x 10 x 512 KiB: about 52 MB
+  Measure(zelctl, 512 * 1024, runs);                        // 10 x 10 x 512 KiB: about 52 MB
   if (!small_only) Measure(zelctl, 5 * 1024 * 1024, runs);  // 10 x 10 x 5 MiB: about 524 MB
   return 0;
 }

@@ -1,16 +1,15 @@
 #include "cli_support.h"
 
 #include <fcntl.h>
+#include <json/writer.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sstream>
-
-#include <CLI/CLI.hpp>
-#include <json/writer.h>
 
 namespace zelctl {
 

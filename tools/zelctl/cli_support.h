@@ -3,9 +3,9 @@
 // prints off the tool's output.
 #pragma once
 
-#include <string>
-
 #include <json/value.h>
+
+#include <string>
 
 namespace zelctl {
 

@@ -1,10 +1,9 @@
 #include "id_commands.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
-
-#include <CLI/CLI.hpp>
 
 #include "cli_support.h"
 #include "utils/zel_tracer.h"

@@ -5,14 +5,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <map>
 #include <memory>
 #include <tuple>
 #include <utility>
-
-#include <CLI/CLI.hpp>
 
 #include "cli_support.h"
 #include "log_files.h"
@@ -98,11 +97,13 @@ class LogsSession {
 };
 
 LogsSession::Stream* LogsSession::NewStream(const Day& day, const LogStreamFiles& files,
-                                           bool follow) {
+                                            bool follow) {
   auto stream = std::make_unique<Stream>();
-  stream->lines = std::make_unique<LineStream>(
-      follow ? kFollowBufferSize : kReadBufferSize,
-      [this](const std::string& path, const std::string& reason) { ReportFileError(path, reason); });
+  stream->lines =
+      std::make_unique<LineStream>(follow ? kFollowBufferSize : kReadBufferSize,
+                                   [this](const std::string& path, const std::string& reason) {
+                                     ReportFileError(path, reason);
+                                   });
   stream->source.stream = stream->lines.get();
   stream->source.tag = files.tag;
   stream->source.process = files.process;
@@ -207,7 +208,8 @@ void LogsSession::Rescan() {
   // Following today: a new date means a new day directory to watch as well.
   if (options_.day.empty()) {
     const int64_t today = LocalToday();
-    if (std::none_of(days_.begin(), days_.end(), [&](const Day& d) { return d.day_number == today; })) {
+    if (std::none_of(days_.begin(), days_.end(),
+                     [&](const Day& d) { return d.day_number == today; })) {
       const std::string base = options_.base.empty() ? DefaultLogBase() : options_.base;
       days_.push_back(Day{DayDirectory(base, today), today});
     }
@@ -364,8 +366,8 @@ bool IsClockTime(const std::string& text) {
 void AddLogCommands(CLI::App* app, CommandRunner* selected) {
   auto log_dir_base = std::make_shared<std::string>();
   auto log_dir_json = std::make_shared<bool>(false);
-  CLI::App* log_dir = AddCommand(
-      app, "log-dir", "Print the day directory the process log uses today.");
+  CLI::App* log_dir =
+      AddCommand(app, "log-dir", "Print the day directory the process log uses today.");
   log_dir->add_option("--base", *log_dir_base,
                       "Log base as zel_set_log_path takes it (end it with /); default "
                       "/Users/$USER/Library/zel/");
@@ -393,8 +395,7 @@ void AddLogCommands(CLI::App* app, CommandRunner* selected) {
         return IsClockTime(text) ? std::string() : "not a time HH:MM[:SS]: " + text;
       },
       "HH:MM[:SS]");
-  logs->add_option("--since", options->since, "First time to show, inclusive")
-      ->check(clock_time);
+  logs->add_option("--since", options->since, "First time to show, inclusive")->check(clock_time);
   logs->add_option("--until", options->until,
                    "Last time to show, inclusive (HH:MM covers that whole minute)")
       ->check(clock_time);

@@ -9,8 +9,8 @@
 namespace zelctl {
 
 struct LogsOptions {
-  std::string base;  // empty: the default base
-  std::string day;   // "YYYYMMDD"; empty: today
+  std::string base;          // empty: the default base
+  std::string day;           // "YYYYMMDD"; empty: today
   std::string since, until;  // "HH:MM[:SS]"; empty: open
   std::vector<std::string> processes;
   std::string grep;

@@ -1,17 +1,16 @@
 #include "log_merge.h"
 
+#include <json/value.h>
+#include <json/writer.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <sstream>
 #include <utility>
-
-#include <json/value.h>
-#include <json/writer.h>
 
 namespace zelctl {
 namespace {
@@ -84,8 +83,7 @@ void OutputBuffer::AppendLine(const std::string& prefix, const char* text, size_
     return;
   }
   char* out = buffer_.data() + used_;
-  std::memcpy(out, prefix.data(), prefix.size());
-  out += prefix.size();
+  out = std::copy(prefix.begin(), prefix.end(), out);
   *out++ = ' ';
   std::memcpy(out, text, size);
   out[size] = '\n';
@@ -115,7 +113,8 @@ bool MergeSource::StampKey(const LineView& line, int64_t* key) {
       static_cast<unsigned char>(p[n] - '0') < 10 &&
       static_cast<unsigned char>(p[n + 1] - '0') < 10 &&
       static_cast<unsigned char>(p[n + 2] - '0') < 10) {
-    *key = stamp_head_key + (p[n] - '0') * 100 + (p[n + 1] - '0') * 10 + (p[n + 2] - '0');
+    const int millis = (p[n] - '0') * 100 + (p[n + 1] - '0') * 10 + (p[n + 2] - '0');
+    *key = stamp_head_key + millis;
     return true;
   }
   PrefixTime time;

@@ -55,11 +55,11 @@ class OutputBuffer {
 // One stream as the merge sees it.
 struct MergeSource {
   LineStream* stream = nullptr;
-  std::string tag;      // written before every line of this stream
+  std::string tag;  // written before every line of this stream
   std::string process;
   long long pid = -1;
-  DayClock clock;       // the day of the directory the stream lives in
-  int order = 0;        // tie-break rank: lower first
+  DayClock clock;  // the day of the directory the stream lives in
+  int order = 0;   // tie-break rank: lower first
 
   // Merge state.
   LineView head;

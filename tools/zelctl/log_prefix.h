@@ -11,9 +11,9 @@ namespace zelctl {
 constexpr int64_t kMsPerDay = 86400000;
 
 struct PrefixTime {
-  int month = 0;           // 1-12
-  int day = 0;             // 1-31
-  int64_t ms_of_day = 0;   // 0 .. 86400999 (a leap second is let through)
+  int month = 0;          // 1-12
+  int day = 0;            // 1-31
+  int64_t ms_of_day = 0;  // 0 .. 86400999 (a leap second is let through)
 };
 
 // True when `line` starts with a readable time stamp; fills `time`.

@@ -74,7 +74,7 @@ class LineStream {
   bool front_live_ = false;
   dev_t device_ = 0;
   ino_t inode_ = 0;
-  uint64_t offset_ = 0;  // bytes read from the front file
+  uint64_t offset_ = 0;        // bytes read from the front file
   bool in_long_line_ = false;  // the last line handed out was a partial piece
 };
 

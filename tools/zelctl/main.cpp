@@ -1,19 +1,21 @@
 // zelctl: answers the questions of whoever supports a user's machine — where
 // today's logs are, what every process logged around a given time, whether a
 // server can be reached, what the settings say, which ids this process gets.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "cli_support.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int Run(int argc, char** argv) {
   using namespace zelctl;
-  CLI::App app("zelctl: the process log, reachability, settings and ids of the "
-               "device-redirection component, for support engineers.",
-               "zelctl");
+  CLI::App app(
+      "zelctl: the process log, reachability, settings and ids of the "
+      "device-redirection component, for support engineers.",
+      "zelctl");
   app.footer(kExitCodesHelp);
   app.require_subcommand(1);
   CommandRunner selected;
@@ -51,4 +53,18 @@ int main(int argc, char** argv) {
     ReportError(error.what());
     return kExitIo;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
+    // Even building the command line can fail (allocation): one line, exit 3.
+    std::fprintf(stderr, "zelctl: %s\n", error.what());
+  } catch (...) {
+    std::fputs("zelctl: unexpected error\n", stderr);
+  }
+  return zelctl::kExitIo;
 }

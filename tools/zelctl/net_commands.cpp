@@ -8,13 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-
-#include <CLI/CLI.hpp>
 
 #include "cli_support.h"
 #include "utils/ip_check.h"

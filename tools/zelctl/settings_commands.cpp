@@ -3,14 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "cli_support.h"
 #include "settings_file.h"
@@ -253,9 +252,10 @@ void AddSettingsCommands(CLI::App* app, CommandRunner* selected) {
   get->callback([=] {
     *selected = [=] { return RunKeyGet(args->file, args->section, args->key, args->json); };
   });
-  CLI::App* put = AddCommand(
-      key, "put", "Replace the value of an existing KEY in SECTION (exit 1, nothing written, "
-                  "when absent: the store adds no key).");
+  CLI::App* put =
+      AddCommand(key, "put",
+                 "Replace the value of an existing KEY in SECTION (exit 1, nothing written, "
+                 "when absent: the store adds no key).");
   put->add_option("SECTION", args->section, "Section name")->required();
   put->add_option("KEY", args->key, "Key name")->required();
   put->add_option("VALUE", args->value, "New value")->required();

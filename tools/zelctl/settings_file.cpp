@@ -9,9 +9,9 @@
 namespace zelctl {
 namespace {
 
-constexpr size_t kLineSize = 1024;   // lines are processed in pieces of 1023 bytes
-constexpr size_t kValueSize = 32;    // 31 characters and a terminator
-constexpr size_t kHeaderSize = 32;   // "[section]" cut to 31 characters
+constexpr size_t kLineSize = 1024;  // lines are processed in pieces of 1023 bytes
+constexpr size_t kValueSize = 32;   // 31 characters and a terminator
+constexpr size_t kHeaderSize = 32;  // "[section]" cut to 31 characters
 
 struct File {
   explicit File(FILE* f) : handle(f) {}
@@ -92,8 +92,8 @@ int LookUpSetting(const std::string& path, const std::string& section, const std
   return 0;
 }
 
-int FindSettingForWrite(const std::string& path, const std::string& section,
-                        const std::string& key, bool* found) {
+int FindSettingForWrite(const std::string& path, const std::string& section, const std::string& key,
+                        bool* found) {
   *found = false;
   File file(OpenForReading(path));
   if (file.handle == nullptr) return errno;

@@ -15,8 +15,8 @@ int LookUpSetting(const std::string& path, const std::string& section, const std
 
 // Whether a write of `key` in `section` would replace a line (the writer
 // matches lines by its own rules). Returns 0 or the errno of opening the file.
-int FindSettingForWrite(const std::string& path, const std::string& section,
-                        const std::string& key, bool* found);
+int FindSettingForWrite(const std::string& path, const std::string& section, const std::string& key,
+                        bool* found);
 
 // Replaces the first matching line as the client does: the whole file goes
 // through "<path>.tmp", renamed over `path`. Returns 0, or an errno value with

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <json/json.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -21,8 +22,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <json/json.h>
 
 extern char** environ;
 
@@ -167,15 +166,16 @@ class TempDir {
  public:
   TempDir() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") +
-                          "/zelctl-test.XXXXXX";
+    std::string pattern =
+        std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/zelctl-test.XXXXXX";
     if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
   }
   ~TempDir() {
     if (!path_.empty()) {
-      nftw(path_.c_str(),
-           [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 16,
-           FTW_DEPTH | FTW_PHYS);
+      nftw(
+          path_.c_str(),
+          [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 16,
+          FTW_DEPTH | FTW_PHYS);
     }
   }
   TempDir(const TempDir&) = delete;

@@ -2,6 +2,7 @@
 // probe and ping on loopback, key on copies of a settings file, config,
 // trace-id, session-id and version.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,8 +12,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tool_run.h"
 
@@ -29,11 +28,19 @@ using zelctltest::WriteFile;
 // --- help and usage errors ---
 
 TEST(Cli, HelpOnTheToolAndEveryCommandExitsZeroAndListsExitCodes) {
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"--help"}, {"-h"}, {"log-dir", "--help"}, {"logs", "--help"},
-        {"probe", "--help"}, {"ping", "--help"}, {"key", "--help"}, {"key", "get", "--help"},
-        {"key", "put", "--help"}, {"config", "--help"}, {"trace-id", "--help"},
-        {"session-id", "--help"}, {"version", "--help"}}) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"},
+                                               {"-h"},
+                                               {"log-dir", "--help"},
+                                               {"logs", "--help"},
+                                               {"probe", "--help"},
+                                               {"ping", "--help"},
+                                               {"key", "--help"},
+                                               {"key", "get", "--help"},
+                                               {"key", "put", "--help"},
+                                               {"config", "--help"},
+                                               {"trace-id", "--help"},
+                                               {"session-id", "--help"},
+                                               {"version", "--help"}}) {
     const ToolResult r = RunTool(args);
     EXPECT_EQ(0, r.exit_code) << args[0];
     EXPECT_NE(std::string::npos, r.out.find("Usage:")) << args[0];
@@ -45,15 +52,27 @@ TEST(Cli, HelpOnTheToolAndEveryCommandExitsZeroAndListsExitCodes) {
 
 TEST(Cli, UsageErrorsExitTwoWithOneLineOnStandardError) {
   for (const std::vector<std::string>& args :
-       {std::vector<std::string>{}, {"no-such-command"}, {"logs", "--no-such-option"},
-        {"logs", "--since"}, {"probe", "127.0.0.1"}, {"probe", "127.0.0.1", "http"},
-        {"probe", "127.0.0.1", "0"}, {"probe", "127.0.0.1", "65536"},
-        {"probe", "localhost", "80"}, {"probe", "300.1.1.1", "80"}, {"ping", "not-an-ip"},
-        {"ping", "127.0.0.1", "--retries", "-1"}, {"ping", "127.0.0.1", "--timeout", "0"},
-        {"key"}, {"key", "get", "section"}, {"key", "put", "s", "k"},
+       {std::vector<std::string>{},
+        {"no-such-command"},
+        {"logs", "--no-such-option"},
+        {"logs", "--since"},
+        {"probe", "127.0.0.1"},
+        {"probe", "127.0.0.1", "http"},
+        {"probe", "127.0.0.1", "0"},
+        {"probe", "127.0.0.1", "65536"},
+        {"probe", "localhost", "80"},
+        {"probe", "300.1.1.1", "80"},
+        {"ping", "not-an-ip"},
+        {"ping", "127.0.0.1", "--retries", "-1"},
+        {"ping", "127.0.0.1", "--timeout", "0"},
+        {"key"},
+        {"key", "get", "section"},
+        {"key", "put", "s", "k"},
         {"key", "put", "s", "k", "two\nlines", "--file", "/nonexistent"},
-        {"config", "f", "g"}, {"config", "f", "g", "k", "--type", "float"},
-        {"config", "f", "g", "k", "--sep", ",;"}, {"version", "extra"}}) {
+        {"config", "f", "g"},
+        {"config", "f", "g", "k", "--type", "float"},
+        {"config", "f", "g", "k", "--sep", ",;"},
+        {"version", "extra"}}) {
     const ToolResult r = RunTool(args);
     std::string joined;
     for (const std::string& a : args) joined += a + " ";
@@ -339,7 +358,8 @@ TEST(Config, MissingKeyIsNegativeAndBadFilesAreInputOutputErrors) {
   EXPECT_EQ(3, r.exit_code);
   EXPECT_NE(std::string::npos, r.err.find("missing.conf")) << r.err;
   const std::string garbage = k.temp.path() + "/garbage.conf";
-  WriteFile(garbage, std::string("\x01\x02 not = a [key file\n\xff\xfe", 24));
+  const char bytes[] = "\x01\x02 not = a [key file\n\xff\xfe";
+  WriteFile(garbage, std::string(bytes, sizeof(bytes) - 1));
   r = RunTool({"config", garbage, "usb", "name"});
   EXPECT_EQ(3, r.exit_code);
   EXPECT_EQ(1u, Lines(r.err).size()) << r.err;

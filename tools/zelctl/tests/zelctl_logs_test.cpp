@@ -1,5 +1,6 @@
 // zelctl log-dir and logs, through the real binary, on synthetic day
 // directories under a temporary base.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,8 +9,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tool_run.h"
 
@@ -50,7 +49,8 @@ struct DayFixture {
 
 TEST(Logs, MergesProcessesByTimeStampAndRotatedFilesOldestFirst) {
   DayFixture f;
-  f.Write("zel.log.agent-10.093015.0", LogLine("10:00:00.000", "a0") + LogLine("10:00:03.000", "a3"));
+  f.Write("zel.log.agent-10.093015.0",
+          LogLine("10:00:00.000", "a0") + LogLine("10:00:03.000", "a3"));
   f.Write("zel.log.agent-10.093015.1", LogLine("10:00:04.000", "a4"));
   f.Write("zel.log.agent-10.093015.txt", LogLine("10:00:06.000", "a6"));
   f.Write("zel.log.bus-22.093020.txt",
@@ -263,9 +263,10 @@ TEST(Logs, BinaryGarbageLongLinesAndAMissingNewlineDoNotBreakIt) {
   garbage += "\n[99-99 99:99:99.999] not a stamp\n[11-15 1";  // cut stamp
   f.Write("zel.log.junk-1.000000.txt", LogLine("09:00:00.000", "before junk") + garbage + "\n" +
                                            LogLine("09:00:02.000", "after junk"));
-  const std::string long_text(600 * 1024, 'x');  // longer than a read buffer
-  f.Write("zel.log.long-2.000000.txt", LogLine("09:00:01.000", long_text) +
-                                           LogLine("09:00:03.000", "no newline at the end").substr(0, 50));
+  const std::string long_text(size_t{600} * 1024, 'x');  // longer than a read buffer
+  f.Write("zel.log.long-2.000000.txt",
+          LogLine("09:00:01.000", long_text) +
+              LogLine("09:00:03.000", "no newline at the end").substr(0, 50));
   ToolResult r = RunTool(f.Base());
   ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ("", r.err);
@@ -378,8 +379,7 @@ TEST(LogDir, DefaultBaseFollowsUser) {
   Json::Value value;
   ASSERT_TRUE(ParseJson(r.out, &value)) << r.out;
   EXPECT_EQ("/Users/support/Library/zel/", value["base"].asString());
-  EXPECT_EQ("/Users/support/Library/zel/" + value["day"].asString() + "/",
-            value["dir"].asString());
+  EXPECT_EQ("/Users/support/Library/zel/" + value["day"].asString() + "/", value["dir"].asString());
   r = RunTool({"log-dir"}, {"USER="});
   ASSERT_EQ(0, r.exit_code) << r.err;
   EXPECT_EQ(0u, r.out.find("/Users/2")) << r.out;
@@ -420,8 +420,9 @@ TEST(LogsFollow, SeesAppendsRotationsAndNewProcessesThenEndsOnSigterm) {
   const ToolResult r = tool.Finish(SIGTERM, 20);
   EXPECT_EQ(0, r.exit_code) << "signal " << r.signal << " " << r.err;
   const std::vector<std::string> lines = Lines(r.out);
-  const char* order[] = {"initial", "appended", "last-before-rotation", "first-after-rotation",
-                         "r1", "r2", "r3", "hello from newcomer"};
+  const char* order[] = {
+      "initial", "appended", "last-before-rotation", "first-after-rotation", "r1",
+      "r2",      "r3",       "hello from newcomer"};
   ASSERT_EQ(8u, lines.size()) << r.out;
   for (size_t i = 0; i < 8; ++i) EXPECT_NE(std::string::npos, lines[i].find(order[i])) << i;
   EXPECT_EQ("", r.err);
