@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(build-essential cmake pkg-config libglib2.0-dev libjsoncpp-dev libgtest-dev
-          libgmock-dev libbenchmark-dev faketime libspdlog-dev)
+          libgmock-dev libbenchmark-dev faketime libspdlog-dev libcli11-dev)
 
 install_missing() {
   local missing=()

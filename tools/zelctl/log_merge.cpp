@@ -1,0 +1,281 @@
+#include "log_merge.h"
+
+#include <json/value.h>
+#include <json/writer.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <utility>
+
+namespace zelctl {
+namespace {
+
+// A JSON line holds at most this much of one log line.
+constexpr size_t kJsonLineLimit = 1 << 20;
+
+// The first n bytes (9 to 16, as every stamp head is) of a and b are equal:
+// two overlapping 8-byte compares instead of a call to memcmp.
+inline bool SameHead(const char* a, const char* b, size_t n) {
+  uint64_t a0, b0, a1, b1;
+  std::memcpy(&a0, a, 8);
+  std::memcpy(&b0, b, 8);
+  std::memcpy(&a1, a + n - 8, 8);
+  std::memcpy(&b1, b + n - 8, 8);
+  return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+}
+
+bool Contains(const char* data, size_t size, const std::string& needle) {
+  return memmem(data, size, needle.data(), needle.size()) != nullptr;
+}
+
+}  // namespace
+
+OutputBuffer::OutputBuffer(int fd, size_t capacity) : fd_(fd), buffer_(capacity) {}
+
+OutputBuffer::~OutputBuffer() { Flush(); }
+
+void OutputBuffer::WriteAll(const char* data, size_t size) {
+  while (size > 0 && !reader_gone_ && write_error_ == 0) {
+    const ssize_t count = write(fd_, data, size);
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EPIPE) {
+        reader_gone_ = true;
+      } else {
+        write_error_ = errno;
+      }
+      return;
+    }
+    data += count;
+    size -= static_cast<size_t>(count);
+  }
+}
+
+void OutputBuffer::Flush() {
+  WriteAll(buffer_.data(), used_);
+  used_ = 0;
+}
+
+void OutputBuffer::Append(const char* data, size_t size) {
+  if (size > buffer_.size() - used_) {
+    Flush();
+    if (size >= buffer_.size()) {
+      WriteAll(data, size);
+      return;
+    }
+  }
+  std::memcpy(buffer_.data() + used_, data, size);
+  used_ += size;
+}
+
+void OutputBuffer::AppendLine(const std::string& prefix, const char* text, size_t size) {
+  const size_t total = prefix.size() + 1 + size + 1;
+  if (total > buffer_.size() - used_) {
+    Append(prefix.data(), prefix.size());
+    Append(' ');
+    Append(text, size);
+    Append('\n');
+    return;
+  }
+  char* out = buffer_.data() + used_;
+  out = std::copy(prefix.begin(), prefix.end(), out);
+  *out++ = ' ';
+  std::memcpy(out, text, size);
+  out[size] = '\n';
+  used_ += total;
+}
+
+void OutputBuffer::Append(char c) {
+  if (used_ == buffer_.size()) Flush();
+  buffer_[used_++] = c;
+}
+
+std::string TimeOfKey(int64_t key) {
+  if (key == kUnknownTime) return std::string();
+  int64_t ms = key % kMsPerDay;
+  if (ms < 0) ms += kMsPerDay;
+  char text[32];
+  std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", static_cast<int>(ms / 3600000),
+                static_cast<int>(ms / 60000 % 60), static_cast<int>(ms / 1000 % 60),
+                static_cast<int>(ms % 1000));
+  return text;
+}
+
+bool MergeSource::StampKey(const LineView& line, int64_t* key) {
+  const char* p = line.data;
+  const size_t n = stamp_head_size;
+  if (n != 0 && line.size >= n + 4 && SameHead(p, stamp_head, n) && p[n + 3] == ']' &&
+      static_cast<unsigned char>(p[n] - '0') < 10 &&
+      static_cast<unsigned char>(p[n + 1] - '0') < 10 &&
+      static_cast<unsigned char>(p[n + 2] - '0') < 10) {
+    const int millis = (p[n] - '0') * 100 + (p[n + 1] - '0') * 10 + (p[n + 2] - '0');
+    *key = stamp_head_key + millis;
+    return true;
+  }
+  PrefixTime time;
+  if (!ParseLinePrefix(line.data, line.size, &time)) return false;
+  *key = clock.KeyOf(time);
+  // The stamp ends in ".mmm]": what comes before the milliseconds is the head.
+  const char* dot = static_cast<const char*>(std::memchr(p, '.', std::min<size_t>(line.size, 16)));
+  if (dot != nullptr && dot - p >= 8) {
+    stamp_head_size = static_cast<size_t>(dot - p) + 1;
+    std::memcpy(stamp_head, p, stamp_head_size);
+    stamp_head_key = *key - time.ms_of_day % 1000;
+  }
+  return true;
+}
+
+LogMerger::LogMerger(const LineFilter& filter, bool json, OutputBuffer* out)
+    : filter_(filter), json_(json), out_(out) {}
+
+bool LogMerger::TimePasses(int64_t key) const {
+  if (!filter_.has_since && !filter_.has_until) return true;
+  if (key == kUnknownTime) return false;
+  return (!filter_.has_since || key >= filter_.since_key) &&
+         (!filter_.has_until || key <= filter_.until_key);
+}
+
+bool LogMerger::Pull(MergeSource* source) {
+  LineView line;
+  if (source->stream->NextLine(&line) != LineStream::Result::kLine) return false;
+  source->head = line;
+  if (!source->StampKey(line, &source->head_key)) source->head_key = source->last_key;
+  source->has_head = true;
+  return true;
+}
+
+void LogMerger::EmitJson(const MergeSource& source, const std::string& text, int64_t key) {
+  Json::Value value(Json::objectValue);
+  value["tag"] = source.tag;
+  value["process"] = source.process;
+  value["pid"] = source.pid >= 0 ? Json::Value(static_cast<Json::Int64>(source.pid))
+                                 : Json::Value(Json::nullValue);
+  value["time"] = key == kUnknownTime ? Json::Value(Json::nullValue) : Json::Value(TimeOfKey(key));
+  value["line"] = text;
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  const std::string json = Json::writeString(builder, value);
+  out_->Append(json.data(), json.size());
+  out_->Append('\n');
+}
+
+void LogMerger::EmitLine(MergeSource* source, LineView line, int64_t key, bool time_passes) {
+  // A line longer than the stream's buffer comes in pieces; the first decides.
+  const bool matches =
+      time_passes && (filter_.grep.empty() || Contains(line.data, line.size, filter_.grep));
+  if (json_) {
+    std::string text(line.data, line.size);
+    while (line.partial && source->stream->NextLine(&line) == LineStream::Result::kLine) {
+      if (text.size() < kJsonLineLimit) {
+        text.append(line.data, std::min(line.size, kJsonLineLimit - text.size()));
+      }
+    }
+    if (matches) {
+      EmitJson(*source, text, key);
+      ++lines_written_;
+    }
+    return;
+  }
+  if (matches && !line.partial) {
+    out_->AppendLine(source->tag, line.data, line.size);
+    ++lines_written_;
+    return;
+  }
+  if (matches) {
+    out_->Append(source->tag.data(), source->tag.size());
+    out_->Append(' ');
+    out_->Append(line.data, line.size);
+  }
+  while (line.partial && source->stream->NextLine(&line) == LineStream::Result::kLine) {
+    if (matches) out_->Append(line.data, line.size);
+  }
+  if (matches) {
+    out_->Append('\n');
+    ++lines_written_;
+  }
+}
+
+void LogMerger::EmitRecord(MergeSource* source) {
+  const int64_t key = source->head_key;
+  const bool time_passes = TimePasses(key);
+  source->last_key = key;
+  source->has_head = false;
+  EmitLine(source, source->head, key, time_passes);
+  // Unstamped lines that follow stay with this record.
+  LineView line;
+  while (source->stream->NextLine(&line) == LineStream::Result::kLine) {
+    if (source->StampKey(line, &source->head_key)) {
+      source->head = line;
+      source->has_head = true;
+      return;
+    }
+    EmitLine(source, line, key, time_passes);
+  }
+}
+
+int64_t LogMerger::RankOf(const MergeSource& source) {
+  // Keys are milliseconds since 1970 (or unknown, ranked first); the order
+  // fills the low 12 bits, so one comparison decides (key, order).
+  constexpr int64_t kOrderSlots = 4096;
+  const int64_t key = source.head_key == kUnknownTime ? -1 : source.head_key;
+  const int64_t order = std::min<int64_t>(source.order, kOrderSlots - 1);
+  return (key + 1) * kOrderSlots + order;
+}
+
+void LogMerger::SiftDown(size_t index) {
+  const size_t size = heap_.size();
+  const HeapEntry moving = heap_[index];
+  for (;;) {
+    size_t child = 2 * index + 1;
+    if (child >= size) break;
+    // Branch-free choice of the smaller child: the merge's order is random.
+    if (child + 1 < size) child += heap_[child + 1].rank < heap_[child].rank ? 1 : 0;
+    if (heap_[child].rank >= moving.rank) break;
+    heap_[index] = heap_[child];
+    index = child;
+  }
+  heap_[index] = moving;
+}
+
+void LogMerger::SiftUp(size_t index) {
+  const HeapEntry moving = heap_[index];
+  while (index > 0) {
+    const size_t parent = (index - 1) / 2;
+    if (heap_[parent].rank <= moving.rank) break;
+    heap_[index] = heap_[parent];
+    index = parent;
+  }
+  heap_[index] = moving;
+}
+
+void LogMerger::Run(const std::vector<MergeSource*>& sources, const volatile int* stop) {
+  heap_.clear();
+  for (MergeSource* source : sources) {
+    if (source->has_head || Pull(source)) {
+      heap_.push_back(HeapEntry{RankOf(*source), source});
+      SiftUp(heap_.size() - 1);
+    }
+  }
+  unsigned records = 0;
+  while (!heap_.empty()) {
+    if ((++records & 4095) == 0 && stop != nullptr && *stop != 0) break;
+    MergeSource* top = heap_[0].source;
+    EmitRecord(top);
+    if (top->has_head) {
+      heap_[0].rank = RankOf(*top);
+    } else {
+      heap_[0] = heap_.back();
+      heap_.pop_back();
+    }
+    if (!heap_.empty()) SiftDown(0);
+    if (out_->reader_gone() || out_->write_error() != 0) break;
+  }
+  heap_.clear();
+}
+
+}  // namespace zelctl

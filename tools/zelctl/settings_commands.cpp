@@ -1,0 +1,293 @@
+#include "settings_commands.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include "cli_support.h"
+#include "settings_file.h"
+#include "utils/config_parser.h"
+#include "utils/key_store.h"
+
+namespace zelctl {
+namespace {
+
+// The client's settings file, as the library names it.
+std::string SettingsPath() {
+  char* path = GetConfigFilePath();
+  if (path == nullptr) throw std::bad_alloc();
+  std::string text = path;
+  std::free(path);
+  return text;
+}
+
+// The library's reader, for the real settings file: what the client sees.
+std::string LibraryValue(const std::string& section, const std::string& key) {
+  QuietStdStreams quiet;  // its perror line is not the answer
+  char* value = GetKeyString(section.c_str(), key.c_str());
+  if (value == nullptr) throw std::bad_alloc();
+  std::string text = value;
+  std::free(value);
+  return text;
+}
+
+std::string Describe(const std::string& section, const std::string& key, const std::string& path) {
+  return "key " + key + " not found in [" + section + "] of " + path;
+}
+
+bool ReadableFile(const std::string& path, int* error) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *error = errno;
+    return false;
+  }
+  close(fd);
+  return true;
+}
+
+std::string DoubleText(double value) {
+  std::ostringstream text;
+  text.precision(17);
+  text << value;
+  return text.str();
+}
+
+}  // namespace
+
+int RunKeyGet(const std::string& file, const std::string& section, const std::string& key,
+              bool json) {
+  const bool settings = file.empty();
+  const std::string path = settings ? SettingsPath() : file;
+  bool found = false;
+  std::string value;
+  if (const int error = LookUpSetting(path, section, key, &found, &value)) {
+    ReportError(WithErrno("cannot read " + path, error));
+    return kExitIo;
+  }
+  if (found && settings) value = LibraryValue(section, key);
+  if (json) {
+    Json::Value answer(Json::objectValue);
+    answer["file"] = path;
+    answer["section"] = section;
+    answer["key"] = key;
+    answer["found"] = found;
+    answer["value"] = found ? Json::Value(value) : Json::Value(Json::nullValue);
+    PrintJson(answer);
+  } else if (found) {
+    std::printf("%s\n", value.c_str());
+  }
+  if (!found) {
+    if (!json) ReportError(Describe(section, key, path));
+    return kExitNegative;
+  }
+  return kExitOk;
+}
+
+int RunKeyPut(const std::string& file, const std::string& section, const std::string& key,
+              const std::string& value, bool json) {
+  if (value.find_first_of("\r\n") != std::string::npos) {
+    ReportError("VALUE: a value cannot hold a line break");
+    return kExitUsage;
+  }
+  const bool settings = file.empty();
+  const std::string path = settings ? SettingsPath() : file;
+  bool found = false;
+  if (const int error = FindSettingForWrite(path, section, key, &found)) {
+    ReportError(WithErrno("cannot read " + path, error));
+    return kExitIo;
+  }
+  // The store adds no key: a missing one is a negative answer, file untouched.
+  if (found) {
+    if (settings) {
+      const int result = PutKeyString(section.c_str(), key.c_str(), value.c_str());
+      if (result == -2) {
+        ReportError("cannot read " + path);
+        return kExitIo;
+      }
+      if (result == -1) {
+        ReportError("cannot write " + path + ".tmp");
+        return kExitIo;
+      }
+      if (result != 0) {
+        ReportError("cannot replace " + path);
+        return kExitIo;
+      }
+    } else {
+      std::string failed_path;
+      if (const int error = WriteSetting(path, section, key, value, &failed_path)) {
+        ReportError(WithErrno("cannot write " + failed_path, error));
+        return kExitIo;
+      }
+    }
+  }
+  if (json) {
+    Json::Value answer(Json::objectValue);
+    answer["file"] = path;
+    answer["section"] = section;
+    answer["key"] = key;
+    answer["value"] = value;
+    answer["written"] = found;
+    PrintJson(answer);
+  }
+  if (!found) {
+    if (!json) ReportError(Describe(section, key, path) + "; nothing written");
+    return kExitNegative;
+  }
+  return kExitOk;
+}
+
+int RunConfig(const ConfigOptions& options) {
+  int error = 0;
+  if (!ReadableFile(options.file, &error)) {
+    ReportError(WithErrno("cannot read " + options.file, error));
+    return kExitIo;
+  }
+  zel::ConfigParser parser;
+  std::string raw;
+  Json::Value value;
+  std::vector<std::string> texts;  // the answer as text, one element per line
+  {
+    QuietStdStreams quiet;  // the parser's diagnostics are not the answer
+    if (parser.Init(options.file, options.separator) != 0) {
+      error = -1;
+    } else {
+      // A missing key and an empty one both read as "": no value.
+      raw = parser.GetStringVal(options.group, options.key);
+      if (options.list) {
+        value = Json::Value(Json::arrayValue);
+        if (options.type == "bool") {
+          for (bool b : parser.GetBooleanVals(options.group, options.key)) {
+            value.append(b);
+            texts.push_back(b ? "true" : "false");
+          }
+        } else if (options.type == "int") {
+          for (int i : parser.GetIntegerVals(options.group, options.key)) {
+            value.append(i);
+            texts.push_back(std::to_string(i));
+          }
+        } else if (options.type == "double") {
+          for (double d : parser.GetDoubleVals(options.group, options.key)) {
+            value.append(d);
+            texts.push_back(DoubleText(d));
+          }
+        } else {
+          for (const std::string& s : parser.GetStringVals(options.group, options.key)) {
+            value.append(s);
+            texts.push_back(s);
+          }
+        }
+      } else if (options.type == "bool") {
+        const bool b = parser.GetBooleanVal(options.group, options.key);
+        value = b;
+        texts.push_back(b ? "true" : "false");
+      } else if (options.type == "int") {
+        int i = 0;
+        parser.GetIntegerVal(options.group, options.key, &i);
+        value = i;
+        texts.push_back(std::to_string(i));
+      } else if (options.type == "double") {
+        double d = 0;
+        parser.GetDoubleVal(options.group, options.key, &d);
+        value = d;
+        texts.push_back(DoubleText(d));
+      } else {
+        value = raw;
+        texts.push_back(raw);
+      }
+    }
+  }
+  if (error != 0) {
+    ReportError("cannot load " + options.file + ": not a key file");
+    return kExitIo;
+  }
+  const bool found = !raw.empty();
+  if (options.json) {
+    Json::Value answer(Json::objectValue);
+    answer["file"] = options.file;
+    answer["group"] = options.group;
+    answer["key"] = options.key;
+    answer["type"] = options.type;
+    answer["list"] = options.list;
+    answer["found"] = found;
+    answer["raw"] = found ? Json::Value(raw) : Json::Value(Json::nullValue);
+    answer["value"] = found ? value : Json::Value(Json::nullValue);
+    PrintJson(answer);
+  } else if (found) {
+    for (const std::string& text : texts) std::printf("%s\n", text.c_str());
+  }
+  if (!found) {
+    if (!options.json) {
+      ReportError("key " + options.key + " has no value in [" + options.group + "] of " +
+                  options.file);
+    }
+    return kExitNegative;
+  }
+  return kExitOk;
+}
+
+void AddSettingsCommands(CLI::App* app, CommandRunner* selected) {
+  struct KeyArgs {
+    std::string file, section, key, value;
+    bool json = false;
+  };
+  auto args = std::make_shared<KeyArgs>();
+  CLI::App* key = AddCommand(
+      app, "key",
+      "Read or change a key of the client's settings file (/Users/<login>/client_config.ini) "
+      "with the client's own rules, or of a copy given with --file.");
+  key->require_subcommand(1);
+  key->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
+  CLI::App* get = AddCommand(key, "get", "Print the value of KEY in SECTION (exit 1 when absent).");
+  get->add_option("SECTION", args->section, "Section name")->required();
+  get->add_option("KEY", args->key, "Key name")->required();
+  get->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
+  get->add_flag("--json", args->json, "Answer as JSON: file, section, key, found, value");
+  get->callback([=] {
+    *selected = [=] { return RunKeyGet(args->file, args->section, args->key, args->json); };
+  });
+  CLI::App* put =
+      AddCommand(key, "put",
+                 "Replace the value of an existing KEY in SECTION (exit 1, nothing written, "
+                 "when absent: the store adds no key).");
+  put->add_option("SECTION", args->section, "Section name")->required();
+  put->add_option("KEY", args->key, "Key name")->required();
+  put->add_option("VALUE", args->value, "New value")->required();
+  put->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
+  put->add_flag("--json", args->json, "Answer as JSON: file, section, key, value, written");
+  put->callback([=] {
+    *selected = [=] {
+      return RunKeyPut(args->file, args->section, args->key, args->value, args->json);
+    };
+  });
+
+  auto options = std::make_shared<ConfigOptions>();
+  CLI::App* config = AddCommand(
+      app, "config",
+      "Read KEY of GROUP from a key file through ConfigParser, typed as the client reads it "
+      "(a missing or invalid value reads as false / 0 / \"\"; exit 1 when the key has no value).");
+  config->add_option("FILE", options->file, "Key file")->required();
+  config->add_option("GROUP", options->group, "Group name")->required();
+  config->add_option("KEY", options->key, "Key name")->required();
+  config->add_option("--type", options->type, "Value type")
+      ->check(CLI::IsMember({"bool", "int", "double", "string"}))
+      ->capture_default_str();
+  config->add_flag("--list", options->list, "Read a list (one element per output line)");
+  config->add_option("--sep", options->separator, "List separator, one character (default ;)")
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return text.size() == 1 ? std::string() : "must be one character: " + text;
+          },
+          "C"));
+  config->add_flag("--json", options->json,
+                   "Answer as JSON: file, group, key, type, list, found, raw, value");
+  config->callback([=] { *selected = [=] { return RunConfig(*options); }; });
+}
+
+}  // namespace zelctl
