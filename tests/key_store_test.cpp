@@ -1195,4 +1195,61 @@ TEST_F(AppPathsTest, RootGetsEmptyPathsWhenTheClientsUserHasNoAccount) {
   EXPECT_EQ("", data);
 }
 
+// ---- another file than the settings file ----
+
+class KeyStoreOtherFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/zel_key_file_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    dir_ = pattern;
+    path_ = dir_ + "/copy.ini";
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // GetKeyStringInFile's value, freed; `found` receives its answer.
+  std::string Read(const char* section, const char* key, int* found) {
+    char* value = GetKeyStringInFile(path_.c_str(), section, key, found);
+    EXPECT_NE(nullptr, value);
+    std::string text = value != nullptr ? value : "";
+    std::free(value);
+    return text;
+  }
+
+  std::string dir_;
+  std::string path_;
+};
+
+TEST_F(KeyStoreOtherFileTest, ReadsByTheSettingsFilesRulesAndSaysItFoundTheKey) {
+  WriteFile(path_, "[net]\nhost=10.0.0.1\nport=\n");
+  int found = -7;
+  EXPECT_EQ("10.0.0.1", Read("net", "host", &found));
+  EXPECT_EQ(1, found);
+  EXPECT_EQ("", Read("net", "port", &found));
+  EXPECT_EQ(1, found);  // present, with an empty value
+  EXPECT_EQ("", Read("net", "user", &found));
+  EXPECT_EQ(0, found);
+  EXPECT_EQ("10.0.0.1", Read("net", "host", nullptr));
+}
+
+TEST_F(KeyStoreOtherFileTest, MissingFileGivesEmptyValueAndMinusOne) {
+  int found = 0;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ("", Read("net", "host", &found));
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("fopen"));
+  EXPECT_EQ(-1, found);
+}
+
+TEST_F(KeyStoreOtherFileTest, PutReplacesTheValueInThatFileOnly) {
+  WriteFile(path_, "[net]\nhost=10.0.0.1\nport=80\n");
+  EXPECT_EQ(0, PutKeyStringInFile(path_.c_str(), "net", "port", "8080"));
+  EXPECT_EQ("[net]\nhost=10.0.0.1\nport=8080\n", ReadFile(path_));
+  EXPECT_FALSE(fs::exists(path_ + ".tmp"));
+}
+
+TEST_F(KeyStoreOtherFileTest, PutOnAMissingFileReturnsMinusTwo) {
+  EXPECT_EQ(-2, PutKeyStringInFile(path_.c_str(), "net", "port", "8080"));
+  EXPECT_FALSE(fs::exists(path_));
+}
+
 }  // namespace

@@ -168,21 +168,28 @@ extern "C" char* GetConfigFilePath(void) {
 }
 
 extern "C" char* GetKeyString(const char* section, const char* key) {
-  key = OrEmpty(key);
   char* path = GetConfigFilePath();
   if (path == nullptr) return nullptr;
+  char* value = GetKeyStringInFile(path, section, key, nullptr);
+  std::free(path);
+  return value;
+}
+
+extern "C" char* GetKeyStringInFile(const char* path, const char* section, const char* key,
+                                    int* found) {
+  key = OrEmpty(key);
+  int unused = 0;
+  if (found == nullptr) found = &unused;
+  *found = 0;
   char* value = static_cast<char*>(std::calloc(kValueSize, 1));
-  if (value == nullptr) {
-    std::free(path);
-    return nullptr;
-  }
+  if (value == nullptr) return nullptr;
   char header[kHeaderSize];
   FormatHeader(section, header);
 
   FILE* file = std::fopen(path, "r");
-  std::free(path);
   if (file == nullptr) {
     std::perror("fopen");
+    *found = -1;
     return value;
   }
   // Never cleared: once the header was seen, later sections are searched too.
@@ -199,6 +206,7 @@ extern "C" char* GetKeyString(const char* section, const char* key) {
       line[length - 1] = '\0';
       std::strncpy(value, equals + 1, kValueSize - 1);
       std::fclose(file);
+      *found = 1;
       return value;
     }
     if (IsHeaderLine(line, length, header)) inSection = true;
@@ -215,15 +223,21 @@ extern "C" int GetKeyInt(const char* section, const char* key) {
 }
 
 extern "C" int PutKeyString(const char* section, const char* key, const char* value) {
-  key = OrEmpty(key);
-  value = OrEmpty(value);
   char* path = GetConfigFilePath();
   if (path == nullptr) return 0;
+  const int result = PutKeyStringInFile(path, section, key, value);
+  std::free(path);
+  return result;
+}
+
+extern "C" int PutKeyStringInFile(const char* path, const char* section, const char* key,
+                                  const char* value) {
+  key = OrEmpty(key);
+  value = OrEmpty(value);
   char header[kHeaderSize];
   FormatHeader(section, header);
 
   const std::string settings = path;
-  std::free(path);
   FILE* in = std::fopen(settings.c_str(), "r");
   if (in == nullptr) return -2;
   // One fixed name: concurrent writers are the callers' business.

@@ -24,6 +24,19 @@ ZEL_API char* GetConfigFilePath(void);
 ///   frees: "" when the file cannot be read or the key is not found, NULL only
 ///   when allocation fails.
 ZEL_API char* GetKeyString(const char* section, const char* key);
+/// Reads one value of another file by GetKeyString's rules: a copy of the
+/// settings file, say. Prints "fopen: ..." (perror) when the file cannot be
+/// opened, as GetKeyString does.
+/// @param path The file to read.
+/// @param section Section name, without brackets.
+/// @param key Key name; null reads as "".
+/// @param found When not null, receives 1 when a matching line was found
+///   (its value may be empty), 0 when none was, -1 when the file cannot be
+///   opened.
+/// @return As GetKeyString: the value in a malloc'ed block the caller frees,
+///   NULL only when allocation fails.
+ZEL_API char* GetKeyStringInFile(const char* path, const char* section, const char* key,
+                                 int* found);
 /// Reads one value of the settings file as an integer.
 /// @param section Section name, as for GetKeyString.
 /// @param key Key name, as for GetKeyString.
@@ -39,6 +52,15 @@ ZEL_API int GetKeyInt(const char* section, const char* key);
 ///   cannot be read, -1 when the temporary file cannot be created; 0 when the
 ///   path cannot be allocated.
 ZEL_API int PutKeyString(const char* section, const char* key, const char* value);
+/// PutKeyString on another file (a copy of the settings file, say), through
+/// "<path>.tmp".
+/// @param path The file to change.
+/// @param section Section name, without brackets.
+/// @param key Key name; null reads as "".
+/// @param value New value; null reads as "".
+/// @return As PutKeyString (there is no path to allocate).
+ZEL_API int PutKeyStringInFile(const char* path, const char* section, const char* key,
+                               const char* value);
 /// PutKeyString with `value` written as "%d".
 /// @param section Section name, as for PutKeyString.
 /// @param key Key name, as for PutKeyString.

@@ -24,16 +24,26 @@ run_step(c++ -std=c++17 ${CONSUMER_SOURCE}/main.cpp ${flags} -pthread
          -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer_pc)
 run_step(${WORK_DIR}/consumer_pc)
 
-# The runtime component alone: the shared library and its documents, no
-# headers, link name, CMake package, pkg-config file or stand-in.
+# The runtime component alone: the shared library, its documents and the
+# support tool, no headers, link name, CMake package, pkg-config file or
+# stand-in.
 set(runtime ${WORK_DIR}/runtime)
 run_step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${runtime} --component Runtime)
 file(GLOB_RECURSE installed RELATIVE ${runtime} ${runtime}/*)
 foreach(path ${installed})
-  if(NOT path MATCHES "/libzel_utils\\.so\\.[0-9.]+$" AND NOT path MATCHES "^share/doc/zel_utils/")
+  if(NOT path MATCHES "/libzel_utils\\.so\\.[0-9.]+$" AND NOT path MATCHES "^share/doc/zel_utils/"
+     AND NOT path STREQUAL "bin/zelctl")
     message(FATAL_ERROR "the Runtime component installs ${path}")
   endif()
 endforeach()
 if(NOT installed MATCHES "libzel_utils\\.so\\.")
   message(FATAL_ERROR "the Runtime component installs no libzel_utils: ${installed}")
+endif()
+# The installed tool finds the library (and here the stand-ins) through its
+# RUNPATH.
+if(EXISTS ${BUILD_DIR}/tools/zelctl/zelctl)
+  execute_process(COMMAND ${prefix}/bin/zelctl version OUTPUT_VARIABLE answer RESULT_VARIABLE result)
+  if(NOT result EQUAL 0 OR NOT answer MATCHES "[0-9]+\\.[0-9]+\\.[0-9]+")
+    message(FATAL_ERROR "the installed zelctl does not run (${result}): ${answer}")
+  endif()
 endif()

@@ -1,6 +1,7 @@
 #include "settings_commands.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -12,7 +13,6 @@
 #include <vector>
 
 #include "cli_support.h"
-#include "settings_file.h"
 #include "utils/config_parser.h"
 #include "utils/key_store.h"
 
@@ -28,10 +28,12 @@ std::string SettingsPath() {
   return text;
 }
 
-// The library's reader, for the real settings file: what the client sees.
-std::string LibraryValue(const std::string& section, const std::string& key) {
+// The library's reader on `path`. Returns the value; *found is 1 when a
+// matching line was there, 0 when not, -1 when the file cannot be opened.
+std::string ReadSetting(const std::string& path, const std::string& section, const std::string& key,
+                        int* found) {
   QuietStdStreams quiet;  // its perror line is not the answer
-  char* value = GetKeyString(section.c_str(), key.c_str());
+  char* value = GetKeyStringInFile(path.c_str(), section.c_str(), key.c_str(), found);
   if (value == nullptr) throw std::bad_alloc();
   std::string text = value;
   std::free(value);
@@ -42,14 +44,18 @@ std::string Describe(const std::string& section, const std::string& key, const s
   return "key " + key + " not found in [" + section + "] of " + path;
 }
 
+// Opens and closes `path`, refusing a folder (which fopen would read as empty).
 bool ReadableFile(const std::string& path, int* error) {
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     *error = errno;
     return false;
   }
+  struct stat info = {};
+  const bool folder = fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
   close(fd);
-  return true;
+  if (folder) *error = EISDIR;
+  return !folder;
 }
 
 std::string DoubleText(double value) {
@@ -63,27 +69,30 @@ std::string DoubleText(double value) {
 
 int RunKeyGet(const std::string& file, const std::string& section, const std::string& key,
               bool json) {
-  const bool settings = file.empty();
-  const std::string path = settings ? SettingsPath() : file;
-  bool found = false;
-  std::string value;
-  if (const int error = LookUpSetting(path, section, key, &found, &value)) {
+  const std::string path = file.empty() ? SettingsPath() : file;
+  int error = 0;
+  if (!ReadableFile(path, &error)) {
     ReportError(WithErrno("cannot read " + path, error));
     return kExitIo;
   }
-  if (found && settings) value = LibraryValue(section, key);
+  int found = 0;
+  const std::string value = ReadSetting(path, section, key, &found);
+  if (found < 0) {
+    ReportError("cannot read " + path);
+    return kExitIo;
+  }
   if (json) {
     Json::Value answer(Json::objectValue);
     answer["file"] = path;
     answer["section"] = section;
     answer["key"] = key;
-    answer["found"] = found;
-    answer["value"] = found ? Json::Value(value) : Json::Value(Json::nullValue);
+    answer["found"] = found == 1;
+    answer["value"] = found == 1 ? Json::Value(value) : Json::Value(Json::nullValue);
     PrintJson(answer);
-  } else if (found) {
+  } else if (found == 1) {
     std::printf("%s\n", value.c_str());
   }
-  if (!found) {
+  if (found != 1) {
     if (!json) ReportError(Describe(section, key, path));
     return kExitNegative;
   }
@@ -96,35 +105,33 @@ int RunKeyPut(const std::string& file, const std::string& section, const std::st
     ReportError("VALUE: a value cannot hold a line break");
     return kExitUsage;
   }
-  const bool settings = file.empty();
-  const std::string path = settings ? SettingsPath() : file;
-  bool found = false;
-  if (const int error = FindSettingForWrite(path, section, key, &found)) {
+  const std::string path = file.empty() ? SettingsPath() : file;
+  int error = 0;
+  if (!ReadableFile(path, &error)) {
     ReportError(WithErrno("cannot read " + path, error));
     return kExitIo;
   }
+  int found = 0;
+  ReadSetting(path, section, key, &found);
+  if (found < 0) {
+    ReportError("cannot read " + path);
+    return kExitIo;
+  }
   // The store adds no key: a missing one is a negative answer, file untouched.
-  if (found) {
-    if (settings) {
-      const int result = PutKeyString(section.c_str(), key.c_str(), value.c_str());
-      if (result == -2) {
-        ReportError("cannot read " + path);
-        return kExitIo;
-      }
-      if (result == -1) {
-        ReportError("cannot write " + path + ".tmp");
-        return kExitIo;
-      }
-      if (result != 0) {
-        ReportError("cannot replace " + path);
-        return kExitIo;
-      }
-    } else {
-      std::string failed_path;
-      if (const int error = WriteSetting(path, section, key, value, &failed_path)) {
-        ReportError(WithErrno("cannot write " + failed_path, error));
-        return kExitIo;
-      }
+  if (found == 1) {
+    const int result =
+        PutKeyStringInFile(path.c_str(), section.c_str(), key.c_str(), value.c_str());
+    if (result == -2) {
+      ReportError("cannot read " + path);
+      return kExitIo;
+    }
+    if (result == -1) {
+      ReportError("cannot write " + path + ".tmp");
+      return kExitIo;
+    }
+    if (result != 0) {
+      ReportError("cannot replace " + path);
+      return kExitIo;
     }
   }
   if (json) {
@@ -133,10 +140,10 @@ int RunKeyPut(const std::string& file, const std::string& section, const std::st
     answer["section"] = section;
     answer["key"] = key;
     answer["value"] = value;
-    answer["written"] = found;
+    answer["written"] = found == 1;
     PrintJson(answer);
   }
-  if (!found) {
+  if (found != 1) {
     if (!json) ReportError(Describe(section, key, path) + "; nothing written");
     return kExitNegative;
   }
