@@ -4,7 +4,6 @@
 #include <json/writer.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -42,12 +41,6 @@ void PrintJson(const Json::Value& value) {
   text << '\n';
   const std::string out = text.str();
   std::fwrite(out.data(), 1, out.size(), stdout);
-}
-
-CLI::App* AddCommand(CLI::App* parent, const std::string& name, const std::string& description) {
-  CLI::App* command = parent->add_subcommand(name, description);
-  command->footer(kExitCodesHelp);
-  return command;
 }
 
 QuietStdStreams::QuietStdStreams() {

@@ -44,25 +44,3 @@ class QuietStdStreams {
 };
 
 }  // namespace zelctl
-
-#include <functional>
-
-namespace CLI {
-class App;
-}
-
-namespace zelctl {
-
-// The command chosen on the command line, run once parsing is over.
-using CommandRunner = std::function<int()>;
-
-// A subcommand with the exit-code footer on its help.
-CLI::App* AddCommand(CLI::App* parent, const std::string& name, const std::string& description);
-
-// The command groups, one source each.
-void AddLogCommands(CLI::App* app, CommandRunner* selected);
-void AddNetCommands(CLI::App* app, CommandRunner* selected);
-void AddSettingsCommands(CLI::App* app, CommandRunner* selected);
-void AddIdCommands(CLI::App* app, CommandRunner* selected);
-
-}  // namespace zelctl

@@ -1,6 +1,5 @@
 #include "id_commands.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -55,25 +54,6 @@ int RunVersion(bool json) {
     std::printf("zelctl %s (libzel_utils %s)\n", ZEL_UTILS_VERSION_STRING, library.c_str());
   }
   return kExitOk;
-}
-
-void AddIdCommands(CLI::App* app, CommandRunner* selected) {
-  struct IdArgs {
-    bool json = false;
-  };
-  const auto add = [&](const char* name, const char* description, int (*run)(bool)) {
-    auto args = std::make_shared<IdArgs>();
-    CLI::App* command = AddCommand(app, name, description);
-    command->add_flag("--json", args->json, "Answer as JSON");
-    command->callback([=] { *selected = [=] { return run(args->json); }; });
-  };
-  add("trace-id",
-      "Print the trace id the tracer makes for a process (this one): 32 lower-case hex digits.",
-      RunTraceId);
-  add("session-id",
-      "Print a new session id as the tracer makes them: 16 hex digits, '-', local time.",
-      RunSessionId);
-  add("version", "Print the version of zelctl and of the libzel_utils it loaded.", RunVersion);
 }
 
 }  // namespace zelctl

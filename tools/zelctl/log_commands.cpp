@@ -5,7 +5,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -352,63 +351,6 @@ int RunLogs(const LogsOptions& options) {
   }
   out.Flush();
   return ExitCodeOf(session, out, true);
-}
-
-namespace {
-
-bool IsClockTime(const std::string& text) {
-  int64_t ms = 0;
-  return ParseClockTime(text, false, &ms);
-}
-
-}  // namespace
-
-void AddLogCommands(CLI::App* app, CommandRunner* selected) {
-  auto log_dir_base = std::make_shared<std::string>();
-  auto log_dir_json = std::make_shared<bool>(false);
-  CLI::App* log_dir =
-      AddCommand(app, "log-dir", "Print the day directory the process log uses today.");
-  log_dir->add_option("--base", *log_dir_base,
-                      "Log base as zel_set_log_path takes it (end it with /); default "
-                      "/Users/$USER/Library/zel/");
-  log_dir->add_flag("--json", *log_dir_json, "Answer as JSON: base, day, dir, exists");
-  log_dir->callback([=] { *selected = [=] { return RunLogDir(*log_dir_base, *log_dir_json); }; });
-
-  auto options = std::make_shared<LogsOptions>();
-  CLI::App* logs = AddCommand(
-      app, "logs",
-      "Print every process's log lines of one day (current and rotated files) as one timeline, "
-      "ordered by the time stamp of each line; equal stamps go by process name, then pid. "
-      "Each line starts with its process tag (<process>-<pid>). Exits 1 when no line was "
-      "printed.");
-  logs->add_option("--base", options->base,
-                   "Log base as zel_set_log_path takes it (end it with /)");
-  logs->add_option("--day", options->day, "Day YYYYMMDD (default: today)")
-      ->check(CLI::Validator(
-          [](std::string& text) {
-            int64_t day = 0;
-            return ParseDayText(text, &day) ? std::string() : "not a date YYYYMMDD: " + text;
-          },
-          "YYYYMMDD"));
-  const CLI::Validator clock_time(
-      [](std::string& text) {
-        return IsClockTime(text) ? std::string() : "not a time HH:MM[:SS]: " + text;
-      },
-      "HH:MM[:SS]");
-  logs->add_option("--since", options->since, "First time to show, inclusive")->check(clock_time);
-  logs->add_option("--until", options->until,
-                   "Last time to show, inclusive (HH:MM covers that whole minute)")
-      ->check(clock_time);
-  logs->add_option("--process", options->processes,
-                   "Only this process (name or <name>-<pid>); repeat for more")
-      ->allow_extra_args(false);
-  logs->add_option("--grep", options->grep, "Only lines containing TEXT (plain substring)");
-  logs->add_flag("--follow,-f", options->follow,
-                 "Keep reading as lines are added, across rotations and new processes' files "
-                 "(SIGINT or SIGTERM ends it)");
-  logs->add_flag("--json", options->json,
-                 "One JSON object per line: tag, process, pid, time, line");
-  logs->callback([=] { *selected = [=] { return RunLogs(*options); }; });
 }
 
 }  // namespace zelctl

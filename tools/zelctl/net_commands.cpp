@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -131,50 +130,6 @@ int RunPing(const std::string& ip, int timeout_ms, int retries, bool json) {
   const bool reachable = result == 1;
   PrintReachability("icmp", ip, 0, reachable, MillisecondsSince(start), json);
   return reachable ? kExitOk : kExitNegative;
-}
-
-void AddNetCommands(CLI::App* app, CommandRunner* selected) {
-  struct ProbeArgs {
-    std::string ip;
-    int port = 0;
-    bool json = false;
-  };
-  auto probe_args = std::make_shared<ProbeArgs>();
-  CLI::App* probe = AddCommand(
-      app, "probe", "Check TCP reachability: a connection to IP:PORT within one second.");
-  probe->add_option("IP", probe_args->ip, "IPv4 address (dotted; no host names)")->required();
-  probe->add_option("PORT", probe_args->port, "TCP port")->required()->check(CLI::Range(1, 65535));
-  probe->add_flag("--json", probe_args->json, "Answer as JSON");
-  probe->callback([=] {
-    *selected = [=] { return RunProbe(probe_args->ip, probe_args->port, probe_args->json); };
-  });
-
-  struct PingArgs {
-    std::string ip;
-    int timeout_ms = 1000;
-    int retries = 2;
-    bool json = false;
-  };
-  auto ping_args = std::make_shared<PingArgs>();
-  CLI::App* ping = AddCommand(
-      app, "ping",
-      "Check ICMP reachability: an echo reply within retries + 1 attempts. Needs the superuser "
-      "(raw socket); without it, exits 3 and says so.");
-  ping->add_option("IP", ping_args->ip, "IPv4 address (dotted; no host names)")->required();
-  ping->add_option("--timeout", ping_args->timeout_ms, "Milliseconds per attempt")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 60000));
-  ping->add_option("--retries", ping_args->retries,
-                   "Attempts after the first (on loopback the first packet seen is the host's "
-                   "own request: keep at least 1)")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 20));
-  ping->add_flag("--json", ping_args->json, "Answer as JSON");
-  ping->callback([=] {
-    *selected = [=] {
-      return RunPing(ping_args->ip, ping_args->timeout_ms, ping_args->retries, ping_args->json);
-    };
-  });
 }
 
 }  // namespace zelctl

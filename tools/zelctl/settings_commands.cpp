@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -237,64 +236,6 @@ int RunConfig(const ConfigOptions& options) {
     return kExitNegative;
   }
   return kExitOk;
-}
-
-void AddSettingsCommands(CLI::App* app, CommandRunner* selected) {
-  struct KeyArgs {
-    std::string file, section, key, value;
-    bool json = false;
-  };
-  auto args = std::make_shared<KeyArgs>();
-  CLI::App* key = AddCommand(
-      app, "key",
-      "Read or change a key of the client's settings file (/Users/<login>/client_config.ini) "
-      "with the client's own rules, or of a copy given with --file.");
-  key->require_subcommand(1);
-  key->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
-  CLI::App* get = AddCommand(key, "get", "Print the value of KEY in SECTION (exit 1 when absent).");
-  get->add_option("SECTION", args->section, "Section name")->required();
-  get->add_option("KEY", args->key, "Key name")->required();
-  get->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
-  get->add_flag("--json", args->json, "Answer as JSON: file, section, key, found, value");
-  get->callback([=] {
-    *selected = [=] { return RunKeyGet(args->file, args->section, args->key, args->json); };
-  });
-  CLI::App* put =
-      AddCommand(key, "put",
-                 "Replace the value of an existing KEY in SECTION (exit 1, nothing written, "
-                 "when absent: the store adds no key).");
-  put->add_option("SECTION", args->section, "Section name")->required();
-  put->add_option("KEY", args->key, "Key name")->required();
-  put->add_option("VALUE", args->value, "New value")->required();
-  put->add_option("--file", args->file, "Work on this file (a copy) instead of the settings file");
-  put->add_flag("--json", args->json, "Answer as JSON: file, section, key, value, written");
-  put->callback([=] {
-    *selected = [=] {
-      return RunKeyPut(args->file, args->section, args->key, args->value, args->json);
-    };
-  });
-
-  auto options = std::make_shared<ConfigOptions>();
-  CLI::App* config = AddCommand(
-      app, "config",
-      "Read KEY of GROUP from a key file through ConfigParser, typed as the client reads it "
-      "(a missing or invalid value reads as false / 0 / \"\"; exit 1 when the key has no value).");
-  config->add_option("FILE", options->file, "Key file")->required();
-  config->add_option("GROUP", options->group, "Group name")->required();
-  config->add_option("KEY", options->key, "Key name")->required();
-  config->add_option("--type", options->type, "Value type")
-      ->check(CLI::IsMember({"bool", "int", "double", "string"}))
-      ->capture_default_str();
-  config->add_flag("--list", options->list, "Read a list (one element per output line)");
-  config->add_option("--sep", options->separator, "List separator, one character (default ;)")
-      ->check(CLI::Validator(
-          [](std::string& text) {
-            return text.size() == 1 ? std::string() : "must be one character: " + text;
-          },
-          "C"));
-  config->add_flag("--json", options->json,
-                   "Answer as JSON: file, group, key, type, list, found, raw, value");
-  config->callback([=] { *selected = [=] { return RunConfig(*options); }; });
 }
 
 }  // namespace zelctl
