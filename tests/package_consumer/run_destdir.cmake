@@ -18,7 +18,7 @@ endfunction()
 
 run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -DCMAKE_INSTALL_PREFIX=/usr
          -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF
-         -DZEL_BUILD_EXAMPLES=OFF)
+         -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_TOOLS=OFF)
 run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/build -j2)
 set(ENV{DESTDIR} ${root})
 run_step(${CMAKE_COMMAND} --install ${WORK_DIR}/build)

@@ -17,7 +17,7 @@ run_step(c++ -std=c++17 -shared -fPIC -I${client}/include ${SOURCE_DIR}/client/t
          -o ${client}/lib/libclient_tracer.so)
 
 run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -DCMAKE_BUILD_TYPE=Release
-         -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF -DZEL_BUILD_EXAMPLES=OFF
+         -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_TOOLS=OFF
          -DZEL_USE_STANDIN_ORVANE_LOG=OFF -DZEL_USE_STANDIN_TRACER=OFF
          -DORVANE_LOG_LIBRARY=${client}/lib/liborvane_log.so
          -DORVANE_LOG_INCLUDE_DIR=${client}/include
