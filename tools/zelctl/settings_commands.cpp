@@ -64,35 +64,51 @@ std::string DoubleText(double value) {
   return text.str();
 }
 
+struct KeyLookup {
+  std::string path;  // the file read
+  std::string value;
+  bool found = false;  // a matching line was there (its value may be empty)
+};
+
+// Looks `key` of `section` up in `file` (the settings file when empty) by the
+// library's rules. False, with the error reported, when it cannot be read.
+bool LookUpKey(const std::string& file, const std::string& section, const std::string& key,
+               KeyLookup* lookup) {
+  lookup->path = file.empty() ? SettingsPath() : file;
+  int error = 0;
+  if (!ReadableFile(lookup->path, &error)) {
+    ReportError(WithErrno("cannot read " + lookup->path, error));
+    return false;
+  }
+  int found = 0;
+  lookup->value = ReadSetting(lookup->path, section, key, &found);
+  if (found < 0) {
+    ReportError("cannot read " + lookup->path);
+    return false;
+  }
+  lookup->found = found == 1;
+  return true;
+}
+
 }  // namespace
 
 int RunKeyGet(const std::string& file, const std::string& section, const std::string& key,
               bool json) {
-  const std::string path = file.empty() ? SettingsPath() : file;
-  int error = 0;
-  if (!ReadableFile(path, &error)) {
-    ReportError(WithErrno("cannot read " + path, error));
-    return kExitIo;
-  }
-  int found = 0;
-  const std::string value = ReadSetting(path, section, key, &found);
-  if (found < 0) {
-    ReportError("cannot read " + path);
-    return kExitIo;
-  }
+  KeyLookup lookup;
+  if (!LookUpKey(file, section, key, &lookup)) return kExitIo;
   if (json) {
     Json::Value answer(Json::objectValue);
-    answer["file"] = path;
+    answer["file"] = lookup.path;
     answer["section"] = section;
     answer["key"] = key;
-    answer["found"] = found == 1;
-    answer["value"] = found == 1 ? Json::Value(value) : Json::Value(Json::nullValue);
+    answer["found"] = lookup.found;
+    answer["value"] = lookup.found ? Json::Value(lookup.value) : Json::Value(Json::nullValue);
     PrintJson(answer);
-  } else if (found == 1) {
-    std::printf("%s\n", value.c_str());
+  } else if (lookup.found) {
+    std::printf("%s\n", lookup.value.c_str());
   }
-  if (found != 1) {
-    if (!json) ReportError(Describe(section, key, path));
+  if (!lookup.found) {
+    if (!json) ReportError(Describe(section, key, lookup.path));
     return kExitNegative;
   }
   return kExitOk;
@@ -104,20 +120,11 @@ int RunKeyPut(const std::string& file, const std::string& section, const std::st
     ReportError("VALUE: a value cannot hold a line break");
     return kExitUsage;
   }
-  const std::string path = file.empty() ? SettingsPath() : file;
-  int error = 0;
-  if (!ReadableFile(path, &error)) {
-    ReportError(WithErrno("cannot read " + path, error));
-    return kExitIo;
-  }
-  int found = 0;
-  ReadSetting(path, section, key, &found);
-  if (found < 0) {
-    ReportError("cannot read " + path);
-    return kExitIo;
-  }
+  KeyLookup lookup;
+  if (!LookUpKey(file, section, key, &lookup)) return kExitIo;
+  const std::string& path = lookup.path;
   // The store adds no key: a missing one is a negative answer, file untouched.
-  if (found == 1) {
+  if (lookup.found) {
     const int result =
         PutKeyStringInFile(path.c_str(), section.c_str(), key.c_str(), value.c_str());
     if (result == -2) {
@@ -139,10 +146,10 @@ int RunKeyPut(const std::string& file, const std::string& section, const std::st
     answer["section"] = section;
     answer["key"] = key;
     answer["value"] = value;
-    answer["written"] = found == 1;
+    answer["written"] = lookup.found;
     PrintJson(answer);
   }
-  if (found != 1) {
+  if (!lookup.found) {
     if (!json) ReportError(Describe(section, key, path) + "; nothing written");
     return kExitNegative;
   }
