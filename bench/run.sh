@@ -34,7 +34,8 @@ echo "looper_bench, $runs runs" >&2
 echo "bus_bench" >&2
 "$bin/bus_bench" --benchmark_filter='Pending.*pending:10000' --benchmark_repetitions="$runs" \
     --benchmark_report_aggregates_only=true --benchmark_format=csv 2>/dev/null |
-  awk -F, '/_median"/ { split($1, n, "/"); sub(/^"BM_/, "", n[1]); print "RESULT " n[1] ".us " $3 }' \
+  awk -F, -v runs="$runs" '/^"BM_/ && (runs == 1 || /_median"/) {
+    split($1, n, "/"); sub(/^"BM_/, "", n[1]); print "RESULT " n[1] ".us " $3 }' \
   >>"$out/results"
 echo "memory_bench" >&2
 "$bin/memory_bench" 2>/dev/null | grep '^RESULT' >>"$out/results"
