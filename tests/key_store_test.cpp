@@ -1252,4 +1252,16 @@ TEST_F(KeyStoreOtherFileTest, PutOnAMissingFileReturnsMinusTwo) {
   EXPECT_FALSE(fs::exists(path_));
 }
 
+TEST_F(KeyStoreOtherFileTest, NullPathIsAFileThatCannotBeOpened) {
+  int found = 0;
+  testing::internal::CaptureStderr();
+  char* value = GetKeyStringInFile(nullptr, "net", "host", &found);
+  testing::internal::GetCapturedStderr();
+  ASSERT_NE(nullptr, value);
+  EXPECT_STREQ("", value);
+  std::free(value);
+  EXPECT_EQ(-1, found);
+  EXPECT_EQ(-2, PutKeyStringInFile(nullptr, "net", "port", "8080"));
+}
+
 }  // namespace

@@ -186,7 +186,7 @@ extern "C" char* GetKeyStringInFile(const char* path, const char* section, const
   char header[kHeaderSize];
   FormatHeader(section, header);
 
-  FILE* file = std::fopen(path, "r");
+  FILE* file = std::fopen(OrEmpty(path), "r");
   if (file == nullptr) {
     std::perror("fopen");
     *found = -1;
@@ -237,7 +237,7 @@ extern "C" int PutKeyStringInFile(const char* path, const char* section, const c
   char header[kHeaderSize];
   FormatHeader(section, header);
 
-  const std::string settings = path;
+  const std::string settings = OrEmpty(path);
   FILE* in = std::fopen(settings.c_str(), "r");
   if (in == nullptr) return -2;
   // One fixed name: concurrent writers are the callers' business.

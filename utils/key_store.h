@@ -27,7 +27,7 @@ ZEL_API char* GetKeyString(const char* section, const char* key);
 /// Reads one value of another file by GetKeyString's rules: a copy of the
 /// settings file, say. Prints "fopen: ..." (perror) when the file cannot be
 /// opened, as GetKeyString does.
-/// @param path The file to read.
+/// @param path The file to read; null reads as "" (a file that cannot be opened).
 /// @param section Section name, without brackets.
 /// @param key Key name; null reads as "".
 /// @param found When not null, receives 1 when a matching line was found
@@ -54,7 +54,7 @@ ZEL_API int GetKeyInt(const char* section, const char* key);
 ZEL_API int PutKeyString(const char* section, const char* key, const char* value);
 /// PutKeyString on another file (a copy of the settings file, say), through
 /// "<path>.tmp".
-/// @param path The file to change.
+/// @param path The file to change; null reads as "" (a file that cannot be read).
 /// @param section Section name, without brackets.
 /// @param key Key name; null reads as "".
 /// @param value New value; null reads as "".
