@@ -25,6 +25,7 @@
 
 #include "support/child_run.h"
 #include "support/libc_stand_ins.h"
+#include "support/log_files.h"
 #include "utils/process_info.h"
 
 namespace {
@@ -1199,14 +1200,6 @@ TEST_F(AppPathsTest, RootGetsEmptyPathsWhenTheClientsUserHasNoAccount) {
 
 class KeyStoreOtherFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/zel_key_file_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
-    path_ = dir_ + "/copy.ini";
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
   // GetKeyStringInFile's value, freed; `found` receives its answer.
   std::string Read(const char* section, const char* key, int* found) {
     char* value = GetKeyStringInFile(path_.c_str(), section, key, found);
@@ -1216,8 +1209,8 @@ class KeyStoreOtherFileTest : public ::testing::Test {
     return text;
   }
 
-  std::string dir_;
-  std::string path_;
+  zeltest::TempDir dir_;
+  const std::string path_ = dir_.path() + "copy.ini";
 };
 
 TEST_F(KeyStoreOtherFileTest, ReadsByTheSettingsFilesRulesAndSaysItFoundTheKey) {
