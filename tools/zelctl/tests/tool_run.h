@@ -1,10 +1,10 @@
 // Test helpers: run the real zelctl binary with arguments and collect its exit
 // status, standard output and standard error; keep one running (logs
-// --follow) and read its output as it comes; temporary folders and files.
+// --follow) and read its output as it comes. Temporary folders and files are
+// in temp_files.h.
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
@@ -18,10 +18,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "temp_files.h"
 
 extern char** environ;
 
@@ -159,46 +160,6 @@ inline ToolResult RunTool(const std::vector<std::string>& args,
                           const std::vector<std::string>& env = {}) {
   RunningTool tool(args, env);
   return tool.Finish();
-}
-
-// A fresh folder under $TMPDIR or /tmp, removed with everything in it.
-class TempDir {
- public:
-  TempDir() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/zelctl-test.XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
-  ~TempDir() {
-    if (!path_.empty()) {
-      nftw(
-          path_.c_str(),
-          [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  // With a trailing "/", as a log base is given.
-  std::string base() const { return path_ + "/"; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-inline void AppendFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::app) << content;
-}
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 inline std::vector<std::string> Lines(const std::string& text) {
