@@ -8,19 +8,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${1:-3}
 
-packages=(build-essential cmake pkg-config libglib2.0-dev libjsoncpp-dev libbenchmark-dev
-          libspdlog-dev libboost-dev)
-missing=()
-for p in "${packages[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
-if [ ${#missing[@]} -gt 0 ] && [ "$(id -u)" = 0 ]; then
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq && apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
-
-cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_BUILD_TESTS=OFF \
-      -DZEL_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build build-bench -j"$(nproc)" --target log_bench looper_bench bus_bench memory_bench \
-      >/dev/null
+.ci/install-packages.sh bench
+# Options and targets from the preset "bench" (build-bench/).
+cmake --preset bench >/dev/null
+cmake --build --preset bench -j"$(nproc)" >/dev/null
 
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT

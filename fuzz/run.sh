@@ -30,24 +30,9 @@ case $build/ in
   /tmp/*) echo "$0: the build folder must not be under /tmp: $build" >&2; exit 2 ;;
 esac
 
-packages=(clang libclang-rt-14-dev cmake pkg-config libglib2.0-dev libjsoncpp-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "$0: missing packages: ${missing[*]}" >&2
-    exit 2
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
-
-cmake -S "$source_dir" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-      -DZEL_BUILD_FUZZERS=ON -DZEL_SANITIZE=address,undefined \
-      -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF -DZEL_BUILD_EXAMPLES=OFF
+.ci/install-packages.sh fuzz
+# Options from the preset "fuzz", in the build folder chosen above.
+cmake --preset fuzz -B "$build"
 cmake --build "$build" -j2
 
 targets=()
