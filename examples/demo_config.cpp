@@ -1,8 +1,4 @@
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -11,13 +7,8 @@
 #include "utils/key_store.h"
 
 void demo::Config() {
-  std::printf("-- ConfigParser and application paths --\n");
-  char pattern[] = "/tmp/zel_demo_config_XXXXXX";
-  if (mkdtemp(pattern) == nullptr) {
-    std::perror("mkdtemp");
-    return;
-  }
-  const std::string file = std::string(pattern) + "/redirect.ini";
+  Section("ConfigParser and application paths");
+  const std::string file = WorkDir() + "/redirect.ini";
   std::ofstream(file) << "[usb]\n"
                          "enabled=true\n"
                          "max_devices=8\n"
@@ -30,20 +21,17 @@ void demo::Config() {
     double pollSeconds = 0.0;
     parser.GetIntegerVal("usb", "max_devices", &maxDevices);
     parser.GetDoubleVal("usb", "poll_seconds", &pollSeconds);
-    std::printf("  %s: enabled=%d max_devices=%d poll_seconds=%.1f\n", file.c_str(),
-                parser.GetBooleanVal("usb", "enabled"), maxDevices, pollSeconds);
-    std::printf("  classes:");
-    for (const std::string& name : parser.GetStringVals("usb", "classes")) {
-      std::printf(" %s", name.c_str());
-    }
-    std::printf("\n");
+    Say("  %s: enabled=%d max_devices=%d poll_seconds=%.1f", file.c_str(),
+        parser.GetBooleanVal("usb", "enabled"), maxDevices, pollSeconds);
+    std::string classes;
+    for (const std::string& name : parser.GetStringVals("usb", "classes")) classes += " " + name;
+    Say("  classes, a list split at \",\":%s", classes.c_str());
   }
-  std::filesystem::remove_all(pattern);
 
   char* settings = GetConfigFilePath();
-  std::printf("  settings file: %s\n", settings != nullptr ? settings : "(none)");
+  Say("  the client's settings file: %s", settings != nullptr ? settings : "(none)");
   std::free(settings);
   const std::string dataPath = GetAppDataPath();
-  std::printf("  log folder (GetAppDataPath): \"%s\"%s\n", dataPath.c_str(),
-              dataPath.empty() ? " (root, and no client process running)" : "");
+  Say("  log folder (GetAppDataPath): \"%s\"%s", dataPath.c_str(),
+      dataPath.empty() ? " (root, and no client process running)" : "");
 }

@@ -1,7 +1,4 @@
-#include <stdlib.h>
-
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -35,10 +32,8 @@ void WaitForLines(const std::string& dir, int lines) {
 }  // namespace
 
 void demo::Logging() {
-  std::printf("-- process log and named log files --\n");
-  char base[] = "/tmp/zel_demo_log_XXXXXX";
-  if (mkdtemp(base) == nullptr) return;
-  const std::string logBase = std::string(base) + "/";
+  Section("process log and named log files");
+  const std::string logBase = WorkDir() + "/log/";
   zel_set_log_path(logBase.c_str());  // before the first line
 
   std::vector<std::thread> threads;
@@ -49,23 +44,25 @@ void demo::Logging() {
   }
   for (auto& thread : threads) thread.join();
   log_print(5, 0, "a debug line: filtered out at the default level %d", zel_log_level());
+  Say("  3 threads logged 2 lines each; a debug line (level 5) was filtered out at level %d",
+      zel_log_level());
   WaitForLines(logBase, 6);
 
   char dir[512] = {};
   zel_get_log_path(dir, sizeof(dir));
-  std::printf("  6 lines from 3 threads went to %s\n", dir);
+  Say("  the log's writer thread put them in %s", dir);
   for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-    std::printf("  file %s:\n", entry.path().filename().c_str());
+    Say("  file %s:", entry.path().filename().c_str());
     std::ifstream in(entry.path());
-    for (std::string line; std::getline(in, line);) std::printf("    %s\n", line.c_str());
+    for (std::string line; std::getline(in, line);) Say("    %s", line.c_str());
   }
 
-  const std::string named = logBase + "named/";
+  const std::string named = WorkDir() + "/named/";
   static zel::LoggerFile file(named);  // lives as long as the process, like a client's
   file.SetName("scanner");
   file.Log("a line of the scanner's own log\n");
   WaitForLines(named, 1);
   for (const auto& entry : std::filesystem::directory_iterator(named)) {
-    std::printf("  named log file: %s\n", entry.path().c_str());
+    Say("  a LoggerFile named \"scanner\" wrote %s", entry.path().c_str());
   }
 }

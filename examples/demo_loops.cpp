@@ -1,6 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 
 #include "demo.h"
@@ -10,12 +9,12 @@
 
 namespace {
 void Greet(void* arg) {
-  std::printf("  task ran on the loop with arg \"%s\"\n", static_cast<const char*>(arg));
+  demo::Say("  task ran on the loop with arg \"%s\"", static_cast<const char*>(arg));
 }
 }  // namespace
 
 void demo::Loops() {
-  std::printf("-- Looper, Worker, Timer --\n");
+  Section("Looper, Worker, Timer");
   zel::Looper looper;
   looper.Start();
 
@@ -26,12 +25,13 @@ void demo::Loops() {
   looper.PostTask(task);
 
   zel::Worker worker(&looper);
-  worker.DoAsync([] { std::printf("  DoAsync closure ran on the loop thread\n"); });
+  worker.DoAsync([] { Say("  DoAsync closure ran on the loop thread"); });
   int answer = 0;
   worker.DoSync([&answer] { answer = 42; });
-  std::printf("  DoSync returned after its closure ran: answer=%d\n", answer);
-  looper.Stop();
-  std::printf("  a second Stop prints and returns %d\n", looper.Stop());
+  Say("  DoSync returned after its closure ran: answer=%d", answer);
+  Say("  Stop returned %d: the loop thread has ended", looper.Stop());
+  const int again = looper.Stop();
+  Say("  a second Stop printed the line above and returned %d", again);
 
   zel::Timer timer;
   std::atomic<int> ticks{0};
@@ -39,5 +39,7 @@ void demo::Loops() {
       100, [&ticks](unsigned long long, void*) { ++ticks; }, true, nullptr);
   std::this_thread::sleep_for(std::chrono::milliseconds(650));
   timer.Stop(id);
-  std::printf("  repeating 100 ms timer %llu fired %d times in 650 ms\n", id, ticks.load());
+  Say("  repeating 100 ms timer %llu fired %d times in 650 ms (the timer thread scans every 100 "
+      "ms)",
+      id, ticks.load());
 }

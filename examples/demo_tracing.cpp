@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <map>
 #include <string>
 
@@ -12,21 +11,22 @@
 namespace {
 // One call that reached the client's tracing library, content indented.
 void PrintTracerCall(const TracerCall& call) {
-  std::printf("  Tracer::%s(", call.function.c_str());
+  std::string head = "  Tracer::" + call.function + "(";
   for (size_t i = 1; i < call.args.size(); ++i) {
-    std::printf("%s\"%s\"", i > 1 ? ", " : "", call.args[i].c_str());
+    head += (i > 1 ? ", \"" : "\"") + call.args[i] + "\"";
   }
+  demo::Say("%s)", head.c_str());
   std::string content = call.args.empty() ? "" : call.args[0];
   if (!content.empty() && content.back() == '\n') content.pop_back();
   for (size_t at = content.find('\n'); at != std::string::npos; at = content.find('\n', at + 1)) {
     content.insert(at + 1, "      ");
   }
-  std::printf(")\n    content: %s\n", content.c_str());
+  demo::Say("    content: %s", content.c_str());
 }
 }  // namespace
 
 void demo::Tracing() {
-  std::printf("-- tracing: ZelTracer with a ZelClientTracker --\n");
+  Section("tracing: ZelTracer with a ZelClientTracker");
   TracerClearRecordedCalls();
   zel::ZelEnv::zel_set_env(zel::kImageVersion, "image-2026.11");
 
@@ -34,8 +34,8 @@ void demo::Tracing() {
   zel::ZelClientTracker tracker;
   tracer->RegisterBackend(&tracker);
   tracer->Init("1.2.0", "info", "usbRedirect");
-  std::printf("  trace id %s, span id %s, session %s\n", tracer->GetTraceId().c_str(),
-              tracer->GetSpanId().c_str(), tracer->NewSessionId().c_str());
+  Say("  trace id %s, span id %s", tracer->GetTraceId().c_str(), tracer->GetSpanId().c_str());
+  Say("  a new session id: %s", tracer->NewSessionId().c_str());
 
   tracer->SendTracerStep("usb", "open");
   std::map<std::string, std::string> device{{zel::kVid, zel::ZelTracer::Uint16ToString(0x0781)},
@@ -50,6 +50,6 @@ void demo::Tracing() {
                           "{\"reason\":\"unplugged\"}", "");
   tracer->UnregisterBackend(&tracker);
 
-  std::printf("  what reached the client's tracing library:\n");
+  Say("  what reached the client's tracing library:");
   for (const TracerCall& call : TracerRecordedCalls()) PrintTracerCall(call);
 }

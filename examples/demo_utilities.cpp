@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -16,6 +15,8 @@
 #include "utils/string_utils.h"
 
 namespace {
+
+using demo::Say;
 
 // A listening socket on 127.0.0.1 with a port chosen by the system; -1 on failure.
 int ListenOnLoopback(int* port) {
@@ -54,16 +55,16 @@ void ProbePorts() {
   int port = 0;
   const int listener = ListenOnLoopback(&port);
   if (listener < 0) {
-    std::printf("  could not listen on 127.0.0.1\n");
+    Say("  could not listen on 127.0.0.1");
     return;
   }
-  std::printf("  check_ip_port(127.0.0.1, %d) while listening: %s\n", port,
-              check_ip_port("127.0.0.1", port) ? "reachable" : "unreachable");
+  Say("  check_ip_port(127.0.0.1, %d) while listening: %s", port,
+      check_ip_port("127.0.0.1", port) ? "reachable" : "unreachable");
   close(listener);
-  std::printf("  check_ip_port(127.0.0.1, %d) after closing:   %s\n", port,
-              check_ip_port("127.0.0.1", port) ? "reachable" : "unreachable");
-  std::printf("  check_ip_by_icmp(127.0.0.1, 1000 ms, 2 retries): %s\n",
-              check_ip_by_icmp("127.0.0.1", 1000, 2) ? "answered" : "no answer (needs superuser)");
+  Say("  check_ip_port(127.0.0.1, %d) after closing:   %s", port,
+      check_ip_port("127.0.0.1", port) ? "reachable" : "unreachable");
+  Say("  check_ip_by_icmp(127.0.0.1, 1000 ms, 2 retries): %s",
+      check_ip_by_icmp("127.0.0.1", 1000, 2) ? "answered" : "no answer (needs superuser)");
 }
 
 void SavePrintJob() {
@@ -77,36 +78,36 @@ void SavePrintJob() {
     std::vector<unsigned char> chunk = PrinterChunk(path, total, offsets[i], parts[i]);
     const int rc = zel::SavePrinterFile(static_cast<unsigned int>(chunk.size()), chunk.data(),
                                         "demo_", local_name);
-    std::printf("  chunk at offset %llu: SavePrinterFile -> %d\n",
-                static_cast<unsigned long long>(offsets[i]), rc);
+    Say("  chunk at offset %llu: SavePrinterFile -> %d",
+        static_cast<unsigned long long>(offsets[i]), rc);
   }
   const std::string written = "/tmp/" + name;
   std::ifstream in(written, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
-  std::printf("  local name reported: %s\n", local_name.c_str());
-  std::printf("  %s holds %lld bytes (expected %llu), in order: %s\n", written.c_str(),
-              zel::getFileSize(written.c_str()), static_cast<unsigned long long>(total),
-              text.str() == parts[0] + parts[1] + parts[2] ? "yes" : "no");
-  std::printf("  cleaned up: %s\n", zel::deleteFile(written.c_str()) ? "yes" : "no");
+  Say("  local name reported: %s", local_name.c_str());
+  Say("  %s holds %lld bytes (expected %llu), in order: %s", written.c_str(),
+      zel::getFileSize(written.c_str()), static_cast<unsigned long long>(total),
+      text.str() == parts[0] + parts[1] + parts[2] ? "yes" : "no");
+  Say("  cleaned up: %s", zel::deleteFile(written.c_str()) ? "yes" : "no");
 }
 
 void ParseStrings() {
   std::string key, value;
   parse_string_kv("printer=office-2f", "=", key, value);
-  std::printf("  parse_string_kv: key=%s value=%s\n", key.c_str(), value.c_str());
-  std::printf("  split_strings(\"usb,,camera,pen\", \",\"): %zu fields\n",
-              split_strings("usb,,camera,pen", ",").size());
+  Say("  parse_string_kv: key=%s value=%s", key.c_str(), value.c_str());
+  Say("  split_strings(\"usb,,camera,pen\", \",\"): %zu fields",
+      split_strings("usb,,camera,pen", ",").size());
   std::string inner;
   get_brackets_value(inner, "dev(vid[0x1d6b])", '(', ')', '\0');
-  std::printf("  get_brackets_value: %s, balanced: %s, zel_htoi(\"0x1d6b\")=%d\n", inner.c_str(),
-              check_brackets(inner.c_str()) ? "yes" : "no", zel_htoi("0x1d6b"));
+  Say("  get_brackets_value: %s, balanced: %s, zel_htoi(\"0x1d6b\")=%d", inner.c_str(),
+      check_brackets(inner.c_str()) ? "yes" : "no", zel_htoi("0x1d6b"));
 }
 
 }  // namespace
 
 void demo::Utilities() {
-  std::printf("-- string helpers, printer files, reachability --\n");
+  Section("string helpers, printer files, reachability");
   ParseStrings();
   SavePrintJob();
   ProbePorts();
