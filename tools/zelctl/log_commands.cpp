@@ -135,7 +135,7 @@ void LogsSession::ReorderStreams() {
     return std::tie(x.process, x.pid, std::get<2>(*a.first), x.tag, std::get<0>(*a.first)) <
            std::tie(y.process, y.pid, std::get<2>(*b.first), y.tag, std::get<0>(*b.first));
   });
-  for (size_t i = 0; i < all.size(); ++i) all[i].second->source.order = static_cast<int>(i);
+  for (size_t i = 0; i < all.size(); ++i) all[i].second->source.order = i;
 }
 
 int LogsSession::AddDay(const std::string& dir, int64_t day_number, bool follow) {

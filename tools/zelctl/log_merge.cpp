@@ -218,15 +218,6 @@ void LogMerger::EmitRecord(MergeSource* source) {
   }
 }
 
-int64_t LogMerger::RankOf(const MergeSource& source) {
-  // Keys are milliseconds since 1970 (or unknown, ranked first); the order
-  // fills the low 12 bits, so one comparison decides (key, order).
-  constexpr int64_t kOrderSlots = 4096;
-  const int64_t key = source.head_key == kUnknownTime ? -1 : source.head_key;
-  const int64_t order = std::min<int64_t>(source.order, kOrderSlots - 1);
-  return (key + 1) * kOrderSlots + order;
-}
-
 void LogMerger::SiftDown(size_t index) {
   const size_t size = heap_.size();
   const HeapEntry moving = heap_[index];
@@ -234,8 +225,8 @@ void LogMerger::SiftDown(size_t index) {
     size_t child = 2 * index + 1;
     if (child >= size) break;
     // Branch-free choice of the smaller child: the merge's order is random.
-    if (child + 1 < size) child += heap_[child + 1].rank < heap_[child].rank ? 1 : 0;
-    if (heap_[child].rank >= moving.rank) break;
+    if (child + 1 < size) child += heap_[child + 1] < heap_[child] ? 1 : 0;
+    if (heap_[child] >= moving) break;
     heap_[index] = heap_[child];
     index = child;
   }
@@ -246,7 +237,7 @@ void LogMerger::SiftUp(size_t index) {
   const HeapEntry moving = heap_[index];
   while (index > 0) {
     const size_t parent = (index - 1) / 2;
-    if (heap_[parent].rank <= moving.rank) break;
+    if (heap_[parent] <= moving) break;
     heap_[index] = heap_[parent];
     index = parent;
   }
@@ -254,20 +245,25 @@ void LogMerger::SiftUp(size_t index) {
 }
 
 void LogMerger::Run(const std::vector<MergeSource*>& sources, const volatile int* stop) {
+  ranked_ = sources;
+  std::stable_sort(ranked_.begin(), ranked_.end(),
+                   [](const MergeSource* a, const MergeSource* b) { return a->order < b->order; });
   heap_.clear();
-  for (MergeSource* source : sources) {
+  for (size_t rank = 0; rank < ranked_.size(); ++rank) {
+    MergeSource* source = ranked_[rank];
     if (source->has_head || Pull(source)) {
-      heap_.push_back(HeapEntry{RankOf(*source), source});
+      heap_.push_back(EntryOf(rank));
       SiftUp(heap_.size() - 1);
     }
   }
   unsigned records = 0;
   while (!heap_.empty()) {
     if ((++records & 4095) == 0 && stop != nullptr && *stop != 0) break;
-    MergeSource* top = heap_[0].source;
+    const size_t top_rank = RankOf(heap_[0]);
+    MergeSource* top = ranked_[top_rank];
     EmitRecord(top);
     if (top->has_head) {
-      heap_[0].rank = RankOf(*top);
+      heap_[0] = EntryOf(top_rank);
     } else {
       heap_[0] = heap_.back();
       heap_.pop_back();

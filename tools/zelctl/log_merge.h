@@ -58,8 +58,8 @@ struct MergeSource {
   std::string tag;  // written before every line of this stream
   std::string process;
   long long pid = -1;
-  DayClock clock;  // the day of the directory the stream lives in
-  int order = 0;   // tie-break rank: lower first
+  DayClock clock;    // the day of the directory the stream lives in
+  size_t order = 0;  // tie-break rank: lower first
 
   // Merge state.
   LineView head;
@@ -91,18 +91,27 @@ class LogMerger {
   void EmitLine(MergeSource* source, LineView line, int64_t key, bool time_passes);
   void EmitJson(const MergeSource& source, const std::string& text, int64_t key);
   bool TimePasses(int64_t key) const;
-  // Heap of sources by (head_key, order), packed into one integer per entry.
-  struct HeapEntry {
-    int64_t rank;
-    MergeSource* source;
-  };
-  static int64_t RankOf(const MergeSource& source);
+  // The heap of sources with a head: the earliest head first, equal stamps
+  // in stream order, for any number of sources. An entry packs the head's
+  // key above the source's place in ranked_ (the sources sorted by order)
+  // into one 128-bit number, so that a single unsigned comparison, without
+  // a branch, decides (key, order): the next line comes from another stream
+  // nearly every time, and a branch there would be mispredicted.
+  using HeapEntry = unsigned __int128;
+  HeapEntry EntryOf(size_t rank) const {
+    // The sign bit flipped: unsigned order is then the keys' order, and
+    // kUnknownTime, the smallest key, goes first.
+    const uint64_t key = static_cast<uint64_t>(ranked_[rank]->head_key) ^ (uint64_t{1} << 63);
+    return static_cast<HeapEntry>(key) << 64 | rank;
+  }
+  static size_t RankOf(HeapEntry entry) { return static_cast<size_t>(entry); }
   void SiftDown(size_t index);
   void SiftUp(size_t index);
 
   LineFilter filter_;
   bool json_;
   OutputBuffer* out_;
+  std::vector<MergeSource*> ranked_;
   std::vector<HeapEntry> heap_;
   uint64_t lines_written_ = 0;
 };

@@ -1,5 +1,6 @@
 // Test helpers shared by the tool's tests and the unit suites: a temporary
-// folder removed with everything in it, and whole-file reads and writes.
+// folder removed with everything in it, whole-file reads and writes, the
+// lines of a text.
 #pragma once
 
 #include <ftw.h>
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace zelctltest {
 
@@ -52,6 +54,14 @@ inline std::string ReadFile(const std::string& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+// The lines of `text`, without their newlines (a last one without is kept).
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 }  // namespace zelctltest

@@ -162,13 +162,6 @@ inline ToolResult RunTool(const std::vector<std::string>& args,
   return tool.Finish();
 }
 
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 inline bool ParseJson(const std::string& text, Json::Value* value) {
   Json::CharReaderBuilder builder;
   std::string errors;

@@ -90,6 +90,27 @@ TEST(Logs, EqualTimeStampsGoByProcessNameThenPidThenTimeTag) {
   EXPECT_EQ(0u, lines[4].find("zeta-1 ")) << lines[4];
 }
 
+TEST(Logs, EqualStampsOfMoreThan4096ProcessesStillGoByPid) {
+  DayFixture f;
+  constexpr int kProcesses = 4200;
+  const std::string same = "10:42:00.123";
+  for (int pid = kProcesses; pid >= 1; --pid) {
+    // No newline at the end: each file is read to its end and closed before
+    // its line is merged, so the run needs one descriptor at a time.
+    const std::string line = LogLine(same, "n" + std::to_string(pid));
+    f.Write("zel.log.p-" + std::to_string(pid) + ".000000.txt", line.substr(0, line.size() - 1));
+  }
+  const ToolResult r = RunTool(f.Base());
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  const std::vector<std::string> lines = Lines(r.out);
+  ASSERT_EQ(static_cast<size_t>(kProcesses), lines.size());
+  for (int pid = 1; pid <= kProcesses; ++pid) {
+    const std::string expected =
+        "p-" + std::to_string(pid) + " " + LogLine(same, "n" + std::to_string(pid));
+    ASSERT_EQ(expected.substr(0, expected.size() - 1), lines[static_cast<size_t>(pid - 1)]);
+  }
+}
+
 TEST(Logs, RotationNumbersThatWrappedAreReadOldestFirst) {
   DayFixture f;
   // After 256 rotations the numbers wrap: 254, 255, 0, 1 are oldest to newest.
