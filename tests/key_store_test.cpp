@@ -357,10 +357,28 @@ TEST_F(KeyStoreTest, BinaryJunkGivesEmptyValue) {
   EXPECT_LE(value.size(), 31u);
 }
 
-TEST_F(KeyStoreTest, NullArgumentsReadAsEmpty) {
+TEST_F(KeyStoreTest, NullSectionReadsAsTheHeaderOfTheTextNull) {
   Settings("[s]\nk=1\n");
   EXPECT_EQ("", Get(nullptr, "k"));
+  Settings("[(null)]\nk=2\n");
+  EXPECT_EQ("2", Get(nullptr, "k"));
+}
+
+TEST_F(KeyStoreTest, NullKeyReadsAsEmpty) {
+  Settings("[s]\nk=1\n");
   EXPECT_EQ("", Get("s", nullptr));
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWithNullValueWritesTheTextNull) {
+  Settings("[s]\nk=1\n");
+  EXPECT_EQ(0, PutKeyString("s", "k", nullptr));
+  EXPECT_EQ("[s]\nk=(null)\n", Settings());
+}
+
+TEST_F(KeyStoreTest, PutKeyStringWithNullSectionLooksForTheHeaderOfTheTextNull) {
+  Settings("[s]\nk=1\n[(null)]\nk=2\n");
+  EXPECT_EQ(0, PutKeyString(nullptr, "k", "3"));
+  EXPECT_EQ("[s]\nk=1\n[(null)]\nk=3\n", Settings());
 }
 
 TEST_F(KeyStoreTest, ResultIsAFreshBlockEveryCall) {

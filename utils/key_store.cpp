@@ -26,17 +26,26 @@ constexpr size_t kNumberSize = 32;
 
 const char* OrEmpty(const char* text) { return text != nullptr ? text : ""; }
 
-// The login name; getlogin() fails without a controlling terminal, then the
-// account of the real user id stands in.
+// How the C libraries of both targets print a null "%s": a null section or
+// value reads as this text, not as "".
+const char* OrNullText(const char* text) { return text != nullptr ? text : "(null)"; }
+
+// The login name as getlogin() gives it. On Linux getlogin() fails without a
+// controlling terminal, so the account of the real user id stands in there.
 const char* LoginName() {
-  if (const char* login = getlogin()) return login;
-  if (const passwd* pw = getpwuid(getuid())) return pw->pw_name;
-  return "";
+  const char* login = getlogin();
+#if !defined(__APPLE__)
+  if (login == nullptr) {
+    if (const passwd* pw = getpwuid(getuid())) return pw->pw_name;
+    return "";
+  }
+#endif
+  return OrNullText(login);
 }
 
 // "[section]", cut to the buffer: the cut header is what lines are compared with.
 void FormatHeader(const char* section, char (&header)[kHeaderSize]) {
-  std::snprintf(header, sizeof(header), "[%s]", OrEmpty(section));
+  std::snprintf(header, sizeof(header), "[%s]", OrNullText(section));
 }
 
 // fgets into `line`, also telling how many bytes were read, so that bytes
@@ -233,7 +242,7 @@ extern "C" int PutKeyString(const char* section, const char* key, const char* va
 extern "C" int PutKeyStringInFile(const char* path, const char* section, const char* key,
                                   const char* value) {
   key = OrEmpty(key);
-  value = OrEmpty(value);
+  value = OrNullText(value);
   char header[kHeaderSize];
   FormatHeader(section, header);
 
