@@ -405,6 +405,25 @@ TEST(EventManager, StopWhoseNotificationIsLostStillEndsTheEventThread) {
   }
 }
 
+TEST(EventManager, ATableOfItsOwnHasItsOwnEventThreadAndStopsWhenDestroyed) {
+  CallLog log;
+  Tag own{&log, "own"};
+  Tag shared{&log, "shared"};
+  {
+    zel::EventManager table;
+    EXPECT_NE(&table, &zel::EventManager::getInstance());
+    table.registerEvent("e", &Record, &own);
+    Events().registerEvent("e", &RecordToo, &shared);
+    table.sendEvent("e");
+    ASSERT_TRUE(log.WaitForCount(1));
+    EXPECT_EQ((std::vector<std::string>{"own"}), log.Calls());  // tables do not share names
+  }
+  // Destroyed: its thread was joined, and the process-wide table still works.
+  Events().sendEvent("e");
+  ASSERT_TRUE(log.WaitForCount(2));
+  EXPECT_EQ((std::vector<std::string>{"own", "shared'"}), log.Calls());
+}
+
 TEST(EventManager, SecondStopReturnsAtOnce) {
   Events().stop();
   const auto start = std::chrono::steady_clock::now();

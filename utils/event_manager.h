@@ -33,6 +33,12 @@ class EventManager {
   /// @return The instance.
   ZEL_API static EventManager& getInstance();
 
+  /// A table of its own, with its own event thread (started here). Most code
+  /// uses getInstance() instead.
+  ZEL_API EventManager();
+  /// Runs stop() (joining the event thread), then drops what is still queued
+  /// uncalled. Not from a callback of this table.
+  ZEL_API ~EventManager();
   EventManager(const EventManager&) = delete;
   EventManager& operator=(const EventManager&) = delete;
 
@@ -62,9 +68,6 @@ class EventManager {
 
  private:
   using Entry = std::pair<EventCallback, void*>;
-
-  ZEL_API EventManager();
-  ZEL_API ~EventManager();
 
   // The event thread. Started by the constructor, joined by stop().
   std::thread thread;
