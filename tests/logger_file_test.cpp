@@ -348,18 +348,35 @@ TEST(LoggerFileDirectory, EmptyDirectoryWritesIntoTheWorkingDirectory) {
   EXPECT_TRUE(std::regex_match(FileNames(scratch.path())[0], std::regex(R"(here\.\d{6}\.txt)")));
 }
 
-TEST(LoggerFileDirectory, Of255CharactersWithoutFinalSlashLeavesItsLastFolderUnmade) {
+TEST(LoggerFileDirectory, Of255CharactersWithoutFinalSlashIsMadeButCannotHoldAFile) {
   zeltest::TempDir scratch;
   std::string dir = zeltest::PathOfLength(scratch.path(), 256);
-  dir.pop_back();  // 255 characters: the buffer has no room for the slash that would end it
+  dir.pop_back();  // 255 characters, the last folder's name at the very end
   zeltest::StdoutCapture capture;
   zel::LoggerFile file(dir);
-  capture.Take();
-  EXPECT_FALSE(std::filesystem::exists(dir));
-  EXPECT_TRUE(std::filesystem::is_directory(scratch.path()));
+  EXPECT_TRUE(std::filesystem::is_directory(dir));
+  // The file's path is the directory's own 255 characters: nothing to open.
+  file.Log("lost\n");
+  const bool dropped = capture.WaitForCount("operator() 201: fp is null \n", 1);
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_TRUE(dropped) << out;
+  EXPECT_TRUE(FileNames(dir).empty());
 }
 
 // ---- names at the 255-character limit of a path ----
+
+// Name of the one file in `dir` once it exists: a name cut to 5 characters
+// has no ".txt" to be recognised by.
+std::string CurrentNameCutTo5(const std::string& dir) {
+  std::string found;
+  zeltest::WaitFor([&] {
+    const auto names = FileNames(dir);
+    if (names.size() == 1) found = names[0];
+    return !found.empty();
+  });
+  EXPECT_EQ(5u, found.size());
+  return found;
+}
 
 // Writes `count` numbered lines and waits until the files below `dir` hold
 // them all; returns their numbers as read back, in order.
@@ -391,6 +408,23 @@ TEST(LoggerFileLongNames, NamesCutToTheSameTextRotateWithoutLosingALine) {
   EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, kCutReport));
   EXPECT_EQ(1u,
             zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dir + names[0] + "]\n"));
+}
+
+TEST(LoggerFileLongNames, VanishedFileWhoseCutNamesCoincideStillReportsTheRenameError) {
+  zeltest::TempDir scratch;
+  const std::string dir = zeltest::PathOfLength(scratch.path(), 250);  // names cut to "n.hhm"
+  zeltest::StdoutCapture capture;
+  zel::LoggerFile file(dir);
+  file.SetName("n");
+  file.Log("first\n");
+  const std::string current = dir + CurrentNameCutTo5(dir);
+  ASSERT_TRUE(zeltest::WaitForText(current, "first\n"));
+  ASSERT_EQ(0, unlink(current.c_str()));
+  file.Log("second\n");
+  ASSERT_TRUE(zeltest::WaitForText(current, "second\n"));
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "getFile 328,rename error\n")) << out;
+  EXPECT_EQ("second\n", ReadFile(current));
 }
 
 TEST(LoggerFileLongNames, CurrentPathOf254Or255CharactersIsKeptWholeAndNotReported) {

@@ -337,6 +337,28 @@ TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
       1u, zeltest::StdoutCapture::Count(out, std::string(kCutReport) + dayDir + names[0] + "]\n"));
 }
 
+TEST(LoggerLongBase, VanishedFileWhoseCutNamesCoincideStillReportsTheRenameError) {
+  zeltest::TempDir scratch;
+  const std::string base = zeltest::PathOfLength(scratch.path(), 220);  // names cut alike
+  zel_set_log_path(base.c_str());
+  zeltest::StdoutCapture capture;
+  zel::Logger* logger = zel::Logger::GetInstance();
+  logger->Log("first\n");
+  const std::string dayDir = base + zeltest::TodayText();
+  std::string current;
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const auto names = FileNames(dayDir);
+    if (names.size() == 1) current = dayDir + names[0];
+    return !current.empty() && ReadFile(current) == "first\n";
+  }));
+  ASSERT_EQ(0, unlink(current.c_str()));
+  logger->Log("second\n");
+  ASSERT_TRUE(zeltest::WaitForText(current, "second\n"));
+  const std::string out = capture.Take();  // gtest reports on stdout too
+  EXPECT_EQ(1u, zeltest::StdoutCapture::Count(out, "getFile 556,rename error\n")) << out;
+  EXPECT_EQ("second\n", ReadFile(current));
+}
+
 TEST(LoggerLongBase, DayDirectoryOf254CharactersHoldsAFileNamedByTheCutPath) {
   zeltest::TempDir scratch;
   const std::string base = zeltest::PathOfLength(scratch.path(), 254 - 9);  // + "YYYYMMDD/"

@@ -28,6 +28,14 @@ bool FormatName(char (&out)[kPathSize], const FileNaming& naming, const char* la
   return naming.dirLen <= dirLen && static_cast<size_t>(length) < kPathSize - dirLen;
 }
 
+// rename(from, to), except that names cut alike are not renamed onto
+// themselves; that still fails, as rename would, when nothing is there.
+bool RenameUnlessSame(const char* from, const char* to) {
+  if (strcmp(from, to) != 0) return rename(from, to) == 0;
+  struct stat st;
+  return lstat(from, &st) == 0;
+}
+
 std::string RotationNumber(uint8_t index) { return std::to_string(static_cast<unsigned>(index)); }
 
 // What the writer's per-line check needs to know of a path.
@@ -98,11 +106,12 @@ std::string TimeTag(const struct tm& local) {
 
 void MakeDirectoryChain(const std::string& dir) {
   if (IsDirectory(dir.c_str()) || dir.size() > kPathSize - 1) return;
-  char path[kPathSize] = {};
+  // One byte more than a path buffer: a 255-character directory still gets
+  // the closing slash that makes the walk create its last folder.
+  char path[kPathSize + 1] = {};
   memcpy(path, dir.data(), dir.size());
   size_t len = dir.size();
-  // Room permitting: a 255-character path has no space left for the slash.
-  if ((len == 0 || path[len - 1] != '/') && len < kPathSize - 1) path[len++] = '/';
+  if (len == 0 || path[len - 1] != '/') path[len++] = '/';
   for (size_t i = 1; i < len; ++i) {
     if (path[i] != '/' && path[i] != '\\') continue;
     const char separator = path[i];
@@ -146,10 +155,7 @@ void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
   fclose(fp);
   fp = nullptr;
   Name(rotated, naming, RotationNumber(index).c_str());
-  // Names cut alike would make this a rename onto itself: nothing to move.
-  if (strcmp(path, rotated) != 0 && rename(path, rotated) != 0) {
-    printf("%s %d,rename error\n", "getFile", renameErrorLine);
-  }
+  if (!RenameUnlessSame(path, rotated)) printf("%s %d,rename error\n", "getFile", renameErrorLine);
   ++index;
 }
 
