@@ -2,16 +2,19 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -23,6 +26,9 @@
 // Interposed for this program (definition at the end): while set, every
 // thread creation fails as if the system had no threads left.
 std::atomic<bool> gFailThreadCreation{false};
+// Interposed too: while set, CLOCK_REALTIME reads gFrozenWallClock.
+std::atomic<bool> gWallClockFrozen{false};
+timespec gFrozenWallClock{};
 
 namespace {
 
@@ -126,6 +132,21 @@ struct Record {
   explicit Record(std::atomic<int>* freed) : freed(freed) {}
   ~Record() { ++*freed; }
   std::atomic<int>* freed;
+};
+
+// While one exists, the wall clock (CLOCK_REALTIME) stands still at the
+// moment it was made; the monotonic clock the loop's waits use goes on.
+class FrozenWallClock {
+ public:
+  FrozenWallClock() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    gFrozenWallClock = now;
+    gWallClockFrozen = true;
+  }
+  ~FrozenWallClock() { gWallClockFrozen = false; }
+  FrozenWallClock(const FrozenWallClock&) = delete;
+  FrozenWallClock& operator=(const FrozenWallClock&) = delete;
 };
 
 // ---- messages ----
@@ -614,17 +635,74 @@ TEST(Looper, DestroyingALooperThatStoppedItselfWaitsForItsThreadToLetGo) {
   EXPECT_TRUE(gone.load());
 }
 
-TEST(Looper, RestartAfterStoppingItselfWaitsForTheOldThreadToLetGo) {
-  std::atomic<bool> gone{false};
+TEST(Looper, StartAfterItStoppedItselfReturnsAtOnceAndTheNewThreadRunsTheOldBatch) {
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
-  StopFromOwnThreadLeavingASlowDrop(looper, &gone);
+  Gate blocking, release, stopped, started;
+  std::mutex mutex;
+  std::vector<std::string> order;
+  std::vector<std::thread::id> threads;
+  auto note = [&](const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    order.push_back(what);
+    threads.push_back(std::this_thread::get_id());
+  };
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    blocking.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
+  // One batch: a message that stops its loop and then waits for what the
+  // caller of Start does once Start has returned, and two behind it.
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    looper.Stop();
+    stopped.Open();
+    started.WaitFor(std::chrono::seconds(30));
+    note("stopper");
+  })));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] { note("second"); })));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] { note("third"); })));
+  release.Open();
+  ASSERT_TRUE(stopped.WaitFor(std::chrono::seconds(10)));
+
+  auto start = std::async(std::launch::async, [&] { return looper.Start(); });
+  const bool returned = start.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  started.Open();  // lets a Start that waited for the old thread go on, too
+  ASSERT_TRUE(returned) << "Start waited for the old thread's message";
+  EXPECT_EQ(0, start.get());
+  RunOnLoop(looper, [] {});
+  std::lock_guard<std::mutex> lock(mutex);
+  // The old thread's batch was handed back and run, in order, by the new one.
+  EXPECT_EQ((std::vector<std::string>{"stopper", "second", "third"}), order);
+  ASSERT_EQ(3u, threads.size());
+  EXPECT_NE(threads[0], threads[1]);
+  EXPECT_EQ(threads[1], threads[2]);
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, RestartedLoopsNewThreadRunsNothingWhileTheOldOneFinishesItsMessage) {
+  zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
-  EXPECT_TRUE(gone.load());  // never two loop threads on one queue
-  std::set<std::thread::id> threads;
-  for (int i = 0; i < 3; ++i)
-    RunOnLoop(looper, [&] { threads.insert(std::this_thread::get_id()); });
-  EXPECT_EQ(1u, threads.size());
+  Gate stopped, finish;
+  std::atomic<bool> oldFinished{false};
+  std::atomic<bool> ranBeforeOldFinished{false};
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    looper.Stop();
+    stopped.Open();
+    finish.WaitFor(std::chrono::seconds(30));
+    oldFinished = true;
+  })));
+  ASSERT_TRUE(stopped.WaitFor(std::chrono::seconds(10)));
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    ranBeforeOldFinished = !oldFinished;
+    ran.Open();
+  })));
+  EXPECT_FALSE(ran.WaitFor(std::chrono::milliseconds(500)));  // never two loop threads at once
+  finish.Open();
+  ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  EXPECT_FALSE(ranBeforeOldFinished.load());
   EXPECT_EQ(0, looper.Stop());
 }
 
@@ -668,7 +746,7 @@ TEST(Looper, ConcurrentStartAndStopFromTwoThreadsReturnAndNeverRunTwoLoops) {
   EXPECT_EQ(0, looper.Stop());
 }
 
-TEST(Looper, RestartFromItsOwnThreadLeavesOneLoopAndDropsTheOldBatch) {
+TEST(Looper, RestartFromItsOwnThreadHandsTheOldBatchToTheNewThread) {
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
   Gate blocking, release;
@@ -680,7 +758,7 @@ TEST(Looper, RestartFromItsOwnThreadLeavesOneLoopAndDropsTheOldBatch) {
     release.WaitFor(std::chrono::seconds(30));
   })));
   ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
-  // One batch: the restart, then two messages the old thread must not run.
+  // One batch: the restart, then two messages that only the new thread runs.
   ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally, [&] {
     looper.Stop();
     restartResult = looper.Start();
@@ -691,13 +769,12 @@ TEST(Looper, RestartFromItsOwnThreadLeavesOneLoopAndDropsTheOldBatch) {
   release.Open();
   ASSERT_TRUE(WaitUntil([&] { return tally.destroyed.load() == 4; }));
   EXPECT_EQ(0, restartResult.load());
-  EXPECT_EQ(2, tally.runs.load());  // the old batch's rest was dropped unrun
-  // The new thread is the only loop.
+  EXPECT_EQ(4, tally.runs.load());  // the old batch's rest ran, on the new thread
   for (int i = 0; i < 20; ++i) {
     ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] { probe.Enter(); })));
   }
   RunOnLoop(looper, [] {});
-  EXPECT_EQ(20, probe.runs.load());
+  EXPECT_EQ(22, probe.runs.load());
   EXPECT_LE(probe.maxInside.load(), 1);
   EXPECT_EQ(0, looper.Stop());
 }
@@ -764,6 +841,74 @@ TEST(Looper, DelayedPostFromTheLoopThreadIsAcceptedAndRunsWhenDue) {
   EXPECT_EQ(0, looper.Stop());
 }
 
+TEST(Looper, LeftoversNotYetDueStayAheadOfPostsMadeWhileTheirBatchRan) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate blocking, release, firstRunning, posted;
+  std::mutex mutex;
+  std::vector<std::string> order;
+  auto note = [&](const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    order.push_back(what);
+  };
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    blocking.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
+  // One batch: a due message, a delayed one that holds back the rest, a due one.
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    note("due");
+    firstRunning.Open();
+    posted.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_EQ(0, looper.PostDelayMessage(std::make_unique<FnMessage>([&] { note("delayed"); }), 300));
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] { note("behind"); })));
+  release.Open();
+  ASSERT_TRUE(firstRunning.WaitFor(std::chrono::seconds(10)));
+  ASSERT_EQ(0,
+            looper.PostMessageAAA(std::make_unique<FnMessage>([&] { note("posted meanwhile"); })));
+  posted.Open();
+  RunOnLoop(looper, [] {});
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ((std::vector<std::string>{"due", "delayed", "behind", "posted meanwhile"}), order);
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, MessageDueExactlyNowIsDue) {
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  Gate ran;
+  {
+    // The wall clock stands still: the due time stamped at the post is the
+    // loop's "now" from then on.
+    const FrozenWallClock frozen;
+    ASSERT_EQ(0, looper.PostDelayMessage(std::make_unique<FnMessage>([&] { ran.Open(); }), 0));
+    EXPECT_TRUE(ran.WaitFor(std::chrono::seconds(3)));
+  }
+  EXPECT_EQ(0, looper.Stop());
+}
+
+TEST(Looper, DestroyedByItsOwnMessageItsThreadLeavesWithoutTouchingIt) {
+  zeltest::DiagCapture diag;
+  Tally tally;
+  auto* looper = new zel::Looper();
+  ASSERT_EQ(0, looper->Start());
+  Gate blocking, release;
+  ASSERT_EQ(0, looper->PostMessageAAA(std::make_unique<FnMessage>([&] {
+    blocking.Open();
+    release.WaitFor(std::chrono::seconds(30));
+  })));
+  ASSERT_TRUE(blocking.WaitFor(std::chrono::seconds(10)));
+  // One batch: the message that destroys the loop, then one it leaves behind.
+  ASSERT_EQ(0, looper->PostMessageAAA(Counting(&tally, [looper] { delete looper; })));
+  ASSERT_EQ(0, looper->PostMessageAAA(Counting(&tally)));
+  release.Open();
+  ASSERT_TRUE(WaitUntil([] { return zeltest::DiagCapture::Count("looper process exit") == 1; }));
+  EXPECT_EQ(1, tally.runs.load());
+  EXPECT_EQ(2, tally.destroyed.load());  // the one behind was dropped unrun
+}
+
 TEST(Looper, DueTimeFarBeforeTheEpochIsDueAtOnce) {
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
@@ -775,13 +920,15 @@ TEST(Looper, DueTimeFarBeforeTheEpochIsDueAtOnce) {
   EXPECT_EQ(0, looper.Stop());
 }
 
-TEST(Looper, OfTwoStartsWaitingForAStopOneStartsAndTheOtherIsRefused) {
+TEST(Looper, OfTwoStartsDuringAStopsJoinOneStartsAtOnceAndRunsOnceTheJoinEnded) {
   zel::Looper looper;
   ASSERT_EQ(0, looper.Start());
   Gate running, release;
+  std::atomic<bool> released{false};
   ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
     running.Open();
     release.WaitFor(std::chrono::seconds(30));
+    released = true;
   })));
   ASSERT_TRUE(running.WaitFor(std::chrono::seconds(10)));
   std::thread stopper([&] { EXPECT_EQ(0, looper.Stop()); });
@@ -789,15 +936,21 @@ TEST(Looper, OfTwoStartsWaitingForAStopOneStartsAndTheOtherIsRefused) {
   std::atomic<int> results[2] = {{99}, {99}};
   std::thread first([&] { results[0] = looper.Start(); });
   std::thread second([&] { results[1] = looper.Start(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // both wait for the join
-  EXPECT_EQ(99, results[0].load());
-  EXPECT_EQ(99, results[1].load());
+  // Neither waits for the message the join waits for.
+  EXPECT_TRUE(WaitUntil([&] { return results[0] != 99 && results[1] != 99; }));
+  EXPECT_EQ(-1, results[0] + results[1]);  // one 0, one -1
+  std::atomic<bool> ranAfterRelease{false};
+  Gate ran;
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<FnMessage>([&] {
+    ranAfterRelease = released.load();
+    ran.Open();
+  })));
   release.Open();
   stopper.join();
   first.join();
   second.join();
-  EXPECT_EQ(-1, results[0] + results[1]);  // one 0, one -1
-  RunOnLoop(looper, [] {});
+  ASSERT_TRUE(ran.WaitFor(std::chrono::seconds(10)));
+  EXPECT_TRUE(ranAfterRelease.load());  // the new thread began once the old one left
   EXPECT_EQ(0, looper.Stop());
 }
 
@@ -987,4 +1140,14 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
   static const auto real = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
   if (gFailThreadCreation) return EAGAIN;
   return real(thread, attr, start, arg);
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* out) {
+  using ClockGettime = int (*)(clockid_t, timespec*);
+  static const auto real = reinterpret_cast<ClockGettime>(dlsym(RTLD_NEXT, "clock_gettime"));
+  if (clock == CLOCK_REALTIME && gWallClockFrozen) {
+    *out = gFrozenWallClock;
+    return 0;
+  }
+  return real(clock, out);
 }

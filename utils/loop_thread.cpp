@@ -6,24 +6,29 @@
 
 namespace zel {
 
+namespace {
+// Set on a loop thread when the code it ran destroyed the loop's owner.
+thread_local bool tOwnerDestroyed = false;
+}  // namespace
+
 LoopThread::LoopThread(std::mutex& mutex, std::condition_variable& wake)
     : mutex(mutex), wake(wake) {}
 
-int LoopThread::Start(std::function<void()> body) {
-  std::unique_lock<std::mutex> lock(mutex);
+LoopThread::~LoopThread() {
+  if (IsCurrent()) tOwnerDestroyed = true;
+}
+
+bool LoopThread::OwnerDestroyed() { return tOwnerDestroyed; }
+
+int LoopThread::Start(std::function<void()> body, bool loopWaitsForCaller) {
+  std::lock_guard<std::mutex> lock(mutex);
   if (!stopped) return -1;
-  if (IsCurrent()) {
-    // A Stop on another thread is joining this very thread: it cannot start
-    // a successor and still be joined.
-    if (joining) return -1;
-  } else {
-    settled.wait(lock, [this] { return !stopped || (!joining && threads_in_body == 0); });
-    if (!stopped) return -1;  // another Start won while we waited
-  }
+  if (joining && (loopWaitsForCaller || IsCurrent())) return -1;
   stopped = false;
   ++threads_in_body;
   try {
-    // Replaces a thread object that an earlier Stop joined or detached.
+    // Replaces a thread object that an earlier Stop detached (a joining Stop
+    // took its own out).
     thread = std::make_unique<std::thread>([this, body = std::move(body)] { RunAlone(body); });
   } catch (...) {
     --threads_in_body;  // no thread; `stopped` stays false until a Stop
@@ -31,20 +36,23 @@ int LoopThread::Start(std::function<void()> body) {
   }
   text = ThreadIdString(thread->native_handle());
   current = thread->get_id();
-  settled.notify_all();  // other Starts waiting here give up
+  joining = false;       // whatever is being joined is no longer the loop thread
+  settled.notify_all();  // a waiting predecessor is superseded now
   return 0;
 }
 
 void LoopThread::RunAlone(const std::function<void()>& body) {
   {
-    // A predecessor that restarted the loop from its own thread may still be
-    // finishing its step; it leaves as soon as it sees it is not current.
-    // A Stop meanwhile lets it through at once: the body then returns
-    // without running anything, and the predecessor may be the stopper.
+    // A predecessor may still be finishing its message; it leaves as soon as
+    // it sees it is no longer current. A Stop (or a newer Start) meanwhile
+    // lets this thread through at once: its body then returns without
+    // running anything, and the predecessor may be the very stopper, joining
+    // this thread.
     std::unique_lock<std::mutex> lock(mutex);
-    settled.wait(lock, [this] { return threads_in_body == 1 || stopped; });
+    settled.wait(lock, [this] { return threads_in_body == 1 || stopped || !IsCurrent(); });
   }
   body();
+  if (tOwnerDestroyed) return;  // nothing of the owner is left to tell
   std::lock_guard<std::mutex> lock(mutex);
   --threads_in_body;
   settled.notify_all();  // the last touch of this object by the thread
@@ -54,10 +62,10 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
   std::unique_lock<std::mutex> lock(mutex);
   if (IsCurrent()) {
     // The thread cannot join itself: it is let go, and leaves its body once
-    // the step in progress is done. (Unless another Stop is joining it.)
+    // the message in progress is done. (A joining Stop took the object out.)
     stopped = true;
     wake.notify_all();
-    if (!joining && thread && thread->joinable()) thread->detach();
+    if (thread && thread->joinable()) thread->detach();
     return StopResult::kLetGo;
   }
   lock.unlock();
@@ -69,17 +77,21 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
   stopped = true;
   wake.notify_all();
   settled.notify_all();
-  // Start waits while `joining`, so the object stays put outside the lock.
-  std::thread* const joined = thread.get();
+  const std::unique_ptr<std::thread> joined = std::move(thread);
+  const std::thread::id joinedId = current;
+  const std::string joinedText = text;
   joining = true;
   lock.unlock();
 
   if (joined && joined->joinable()) joined->join();
   lock.lock();
-  joining = false;
-  if (joined_text) *joined_text = text;
-  text.clear();
-  current = std::thread::id();
+  if (current.load() == joinedId) {
+    // Not restarted meanwhile: the loop has no thread now.
+    joining = false;
+    text.clear();
+    current = std::thread::id();
+  }
+  if (joined_text) *joined_text = joinedText;
   settled.notify_all();
   return StopResult::kJoined;
 }

@@ -70,7 +70,7 @@ void Looper::process() {
   Queue batch;
   long long now = 0;
   while (loop.ShouldRun() && !destroying) {
-    if (TakeQueue(batch, now)) RunBatch(batch, now);
+    if (TakeQueue(batch, now) && !RunBatch(batch, now)) break;  // a message destroyed the loop
   }
   ZEL_DEBUG_AT(240, "looper process exit, threadID %s\n", self.c_str());
 }
@@ -93,20 +93,35 @@ bool Looper::TakeQueue(Queue& batch, long long& now) {
   return true;
 }
 
-void Looper::RunBatch(Queue& batch, long long now) {
-  while (!batch.empty() && IsDue(*batch.front(), now)) {
+bool Looper::RunBatch(Queue& batch, long long now) {
+  while (!batch.empty() && IsDue(*batch.front(), now) && loop.ShouldRun()) {
     std::unique_ptr<Message> msg = std::move(batch.front());
     batch.pop_front();
-    // A Stop (or a restart on a newer thread) while the batch runs drops
-    // the rest of it unrun.
-    if (loop.ShouldRun()) msg->Run();
+    msg->Run();
+    msg.reset();
+    if (LoopThread::OwnerDestroyed()) return false;
   }
-  if (batch.empty()) return;
-  // What was not due stays queued, ahead of everything posted meanwhile.
+  Queue dropped = ReturnLeftovers(batch, now);
+  dropped.clear();  // their destructors may destroy the loop too
+  return !LoopThread::OwnerDestroyed();
+}
+
+Looper::Queue Looper::ReturnLeftovers(Queue& batch, long long now) {
+  Queue dropped;
   std::lock_guard<std::mutex> lock(mutex);
+  if (loop.Stopped()) {
+    // Stopped while the batch ran: its due rest goes unrun. (Restarted on a
+    // newer thread instead, all of it goes back for that thread to run.)
+    while (!batch.empty() && IsDue(*batch.front(), now)) {
+      dropped.push_back(std::move(batch.front()));
+      batch.pop_front();
+    }
+  }
+  // Ahead of everything posted meanwhile, as if it had never left the queue.
   queue->insert(queue->begin(), std::make_move_iterator(batch.begin()),
                 std::make_move_iterator(batch.end()));
   batch.clear();
+  return dropped;
 }
 
 void Looper::WaitLocked(std::unique_lock<std::mutex>& lock) {
@@ -131,7 +146,9 @@ int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
   msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
                                      static_cast<unsigned long long>(delay_ms));
   if (loop.IsCurrent()) {
-    // Deliberately unlocked, unlike PostMessageAAA from the loop thread.
+    // From the loop thread: accepted even when stopped, and no wake-up (the
+    // loop sees it on its next scan); locked, since other threads post too.
+    std::lock_guard<std::mutex> lock(mutex);
     queue->push_back(std::move(msg));
     return 0;
   }

@@ -97,33 +97,40 @@ class Looper {
   /// A stopped loop with an empty queue; no thread until Start.
   ZEL_API Looper();
   /// Stops a running loop (joining its thread) and drops queued messages unrun.
-  /// A loop thread that stopped itself is waited for until it has let go.
+  /// A loop thread that stopped itself is waited for until it has let go. May
+  /// be run by a message of this very loop: its thread then leaves without
+  /// touching the loop again.
   ZEL_API ~Looper();
   Looper(const Looper&) = delete;
   Looper& operator=(const Looper&) = delete;
 
-  /// Starts the loop thread. After a stop from the loop's own thread, first
-  /// waits until that thread has left.
-  /// @return 0, or -1 if already running or being destroyed.
+  /// Starts the loop thread and returns at once. When an earlier loop thread
+  /// is still finishing a message (it stopped itself, or a Stop is joining
+  /// it), the new thread runs nothing until that one has left; the old thread
+  /// hands the rest of its batch back to the head of the queue for it. Any
+  /// thread.
+  /// @return 0; -1 if already running or being destroyed, or when called on
+  ///   the loop thread while another thread's Stop is joining it.
   ZEL_API int Start();
   /// Stops the loop. From another thread: joins the loop thread (waiting for
   /// the running message). From the loop's own thread: detaches it, and the
-  /// rest of the current batch is dropped. Queued messages stay for the next
-  /// Start.
+  /// rest of the current batch is dropped (unless the loop is started again
+  /// before that thread gets to it). Queued messages stay for the next Start.
+  /// Any thread.
   /// @return 0; -1 with "already stoped " on stdout if it was not running.
   ZEL_API int Stop();
   /// Body of the loop thread; only Start runs it.
   ZEL_API void process();
 
   /// Posts for running as soon as possible. From another thread, refused (-1)
-  /// while stopped; from the loop thread always accepted.
+  /// while stopped; from the loop thread always accepted. Any thread.
   /// @param msg The message; the loop owns it once the post succeeds, and a
   ///   refused one is deleted.
   /// @return 0, or -1 when refused.
   ZEL_API int PostMessageAAA(std::unique_ptr<Message> msg);
   /// Posts for running no earlier than delay_ms from now. The queue is FIFO and
   /// only its front is inspected, so a delayed message holds back every later
-  /// one. Refused as PostMessageAAA.
+  /// one. Refused as PostMessageAAA. Any thread.
   /// @param msg The message; owned as for PostMessageAAA.
   /// @param delay_ms Delay in milliseconds.
   /// @return 0, or -1 when refused.
@@ -147,9 +154,14 @@ class Looper {
   // Moves the whole queue into `batch` once its front is due at `now`, or
   // waits up to a second for a post; false if there is nothing to run.
   bool TakeQueue(Queue& batch, long long& now);
-  // Runs the due front of `batch` (the messages due at `now`, in order), then
-  // puts the rest back at the head of the queue.
-  void RunBatch(Queue& batch, long long now);
+  // Runs the due front of `batch` (the messages due at `now`, in order) while
+  // the loop should run, then hands the rest back (ReturnLeftovers). False
+  // when a message destroyed this Looper: nothing of it may be touched then.
+  bool RunBatch(Queue& batch, long long now);
+  // Puts what `batch` still holds back at the head of the queue, in order;
+  // when the loop is stopped (not restarted), its due messages are returned
+  // instead, to be dropped unrun. Takes the lock.
+  Queue ReturnLeftovers(Queue& batch, long long now);
   // Waits on `cond` for up to a second, saying so in `waiting`.
   void WaitLocked(std::unique_lock<std::mutex>& lock);
   // Appends `msg` for another thread; -1 while stopped. Wakes the loop
@@ -163,8 +175,8 @@ class Looper {
   // The loop thread: its start, stop and identity (for "am I the loop
   // thread?" and the diagnostics).
   LoopThread loop;
-  // Posted messages not yet taken by the loop. Guarded by mutex, except for
-  // the loop thread's own delayed posts.
+  // Posted messages not yet taken by the loop. The pointer is immutable; the
+  // queue is guarded by mutex.
   std::unique_ptr<Queue> queue;
   // The loop thread waits on `cond`: a post must wake it. Guarded by mutex.
   bool waiting = false;

@@ -112,4 +112,55 @@ TEST(LooperStress, StartRacingStopFromTwoThreadsWhilePostersPost) {
   ExpectEachDestroyedOnceRunAtMostOnce(ledger);
 }
 
+// Re-posts a copy of itself from the loop thread, with a delay of 0, until the
+// chain is `length` long: a periodic task re-arming itself.
+class SelfReposting : public zel::Message {
+ public:
+  SelfReposting(zel::Looper* looper, std::atomic<int>* links, int length)
+      : looper_(looper), links_(links), length_(length) {}
+  void Run() override {
+    if (++*links_ < length_) {
+      looper_->PostDelayMessage(std::make_unique<SelfReposting>(looper_, links_, length_), 0);
+    }
+  }
+
+ private:
+  zel::Looper* looper_;
+  std::atomic<int>* links_;
+  const int length_;
+};
+
+class Nothing : public zel::Message {
+ public:
+  explicit Nothing(std::atomic<int>* ran) : ran_(ran) {}
+  void Run() override { ++*ran_; }
+
+ private:
+  std::atomic<int>* ran_;
+};
+
+TEST(LooperStress, SelfRepostingChainLosesNoLinkWhileTwoThreadsPostAMillionEach) {
+  constexpr int kChain = 2000000 / ZEL_STRESS_DIVISOR;
+  constexpr int kPerPoster = 1000000 / ZEL_STRESS_DIVISOR;
+  std::atomic<int> links{0};
+  std::atomic<int> ran{0};
+  zel::Looper looper;
+  ASSERT_EQ(0, looper.Start());
+  ASSERT_EQ(0, looper.PostMessageAAA(std::make_unique<SelfReposting>(&looper, &links, kChain)));
+  std::vector<std::thread> posters;
+  for (int p = 0; p < 2; ++p) {
+    posters.emplace_back([&] {
+      for (int i = 0; i < kPerPoster; ++i) looper.PostMessageAAA(std::make_unique<Nothing>(&ran));
+    });
+  }
+  for (auto& poster : posters) poster.join();
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while ((links < kChain || ran < 2 * kPerPoster) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(kChain, links.load());
+  EXPECT_EQ(2 * kPerPoster, ran.load());
+  EXPECT_EQ(0, looper.Stop());
+}
+
 }  // namespace
