@@ -628,6 +628,142 @@ TEST(MsgBus, BusThreadDelayedPublicationIsDeliveredWhenDue) {
   EXPECT_EQ(0, bus.Stop());
 }
 
+// Waits until a Stop from another thread has marked `bus` stopped, seen as
+// the refusal of a probe publication.
+bool WaitUntilPublicationsAreRefused(zel::MsgBus& bus) {
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (bus.PublishMsg(std::make_shared<TestMsg>(kOtherType)) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+TEST(MsgBus, StartAfterItStoppedItselfReturnsAtOnceAndTheNewThreadDeliversTheOldBatch) {
+  DeliveryLog log;
+  auto sub = MakeRecorder("s", log);
+  zel::MsgBus bus;
+  bus.Subscribe(kType, sub);
+  Gate gate;
+  auto gateSub = MakeRecorder("gate", log, gate.Wait());
+  bus.Subscribe(kGateType, gateSub);
+  ASSERT_EQ(0, bus.Start());
+  BlockBus(bus, gate);
+  std::promise<void> stopped;
+  std::promise<void> started;
+  std::shared_future<void> startedFuture = started.get_future().share();
+  // One batch: a message whose release stops the bus and then waits for what
+  // the caller of Start does once Start returned, and two behind it.
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kOtherType, 0, [&] {
+    bus.Stop();
+    stopped.set_value();
+    startedFuture.wait_for(30s);
+  })));
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1)));
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 2)));
+  gate.Open();
+  ASSERT_EQ(std::future_status::ready, stopped.get_future().wait_for(10s));
+
+  auto start = std::async(std::launch::async, [&] { return bus.Start(); });
+  const bool returned = start.wait_for(5s) == std::future_status::ready;
+  started.set_value();  // lets a Start that waited for the old thread go on, too
+  ASSERT_TRUE(returned) << "Start waited for the old bus thread";
+  EXPECT_EQ(0, start.get());
+  ASSERT_TRUE(log.WaitForCount(3, 10s));
+  EXPECT_EQ((std::vector<std::string>{"gate:-1", "s:1", "s:2"}), log.Names());
+  EXPECT_EQ(0, bus.Stop());
+}
+
+TEST(MsgBus, SubscriberStartingTheBusWhileAnotherThreadsStopJoinsItIsRefusedAtOnce) {
+  DeliveryLog log;
+  zel::MsgBus bus;
+  std::promise<void> entered;
+  std::promise<void> joining;
+  std::shared_future<void> joiningFuture = joining.get_future().share();
+  std::atomic<int> startResult{99};
+  auto starter = MakeRecorder("starter", log, [&] {
+    entered.set_value();
+    joiningFuture.wait_for(30s);
+    startResult = bus.Start();
+  });
+  bus.Subscribe(kType, starter);
+  ASSERT_EQ(0, bus.Start());
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kType, 1)));
+  ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(10s));
+  auto stop = std::async(std::launch::async, [&] { return bus.Stop(); });
+  ASSERT_TRUE(WaitUntilPublicationsAreRefused(bus));  // the Stop is joining the bus thread
+  joining.set_value();
+  ASSERT_EQ(std::future_status::ready, stop.wait_for(10s)) << "Stop and Start wait for each other";
+  EXPECT_EQ(0, stop.get());
+  EXPECT_EQ(-1, startResult.load());
+  EXPECT_EQ(-1, bus.PublishMsg(std::make_shared<TestMsg>(kType, 2)));  // still stopped
+}
+
+TEST(MsgBus, QueueFollowsAMessageReStampedByAnotherBus) {
+  DeliveryLog log;
+  auto sub = MakeRecorder("a", log);
+  zel::MsgBus a;
+  zel::MsgBus b;
+  a.Subscribe(kType, sub);
+  ASSERT_EQ(0, a.Start());
+  ASSERT_EQ(0, b.Start());
+  auto x = std::make_shared<TestMsg>(kType, 1);
+  const long long start = WallMs();
+  ASSERT_EQ(0, a.PublishMsg(x, 100));
+  ASSERT_EQ(0, a.PublishMsg(std::make_shared<TestMsg>(kType, 2), 400));
+  ASSERT_EQ(0, b.PublishMsg(x, 1200));  // x is due later now, on both buses
+  ASSERT_EQ(0, a.PublishMsg(std::make_shared<TestMsg>(kType, 3), 600));
+  ASSERT_TRUE(log.WaitForCount(3, 10s));
+  EXPECT_EQ((std::vector<std::string>{"a:2", "a:3", "a:1"}), log.Names());
+  const auto deliveries = log.All();
+  EXPECT_GE(deliveries[0].at_ms - start, 400);
+  EXPECT_GE(deliveries[2].at_ms - start, 1200);
+  EXPECT_EQ(0, a.Stop());
+  EXPECT_EQ(0, b.Stop());
+}
+
+TEST(MsgBus, QueueFollowsAMessageReStampedByAPublicationRefusedElsewhere) {
+  DeliveryLog log;
+  auto sub = MakeRecorder("a", log);
+  zel::MsgBus a;
+  zel::MsgBus stopped;
+  a.Subscribe(kType, sub);
+  ASSERT_EQ(0, a.Start());
+  auto x = std::make_shared<TestMsg>(kType, 1);
+  ASSERT_EQ(0, a.PublishMsg(x, 100));
+  ASSERT_EQ(0, a.PublishMsg(std::make_shared<TestMsg>(kType, 2), 400));
+  EXPECT_EQ(-1, stopped.PublishMsg(x, 1200));  // refused, but x is stamped all the same
+  ASSERT_EQ(0, a.PublishMsg(std::make_shared<TestMsg>(kType, 3), 600));
+  ASSERT_TRUE(log.WaitForCount(3, 10s));
+  EXPECT_EQ((std::vector<std::string>{"a:2", "a:3", "a:1"}), log.Names());
+  EXPECT_EQ(0, a.Stop());
+}
+
+TEST(MsgBus, DestroyedByAMessageItReleasesItsThreadLeavesWithoutTouchingIt) {
+  std::atomic<int> released{0};
+  auto* bus = new zel::MsgBus();
+  DeliveryLog log;
+  Gate gate;
+  auto gateSub = MakeRecorder("gate", log, gate.Wait());
+  bus->Subscribe(kGateType, gateSub);
+  ASSERT_EQ(0, bus->Start());
+  BlockBus(*bus, gate);
+  std::promise<void> deleted;
+  // One batch: the message whose release destroys the bus, and one behind it.
+  ASSERT_EQ(0, bus->PublishMsg(std::make_shared<TestMsg>(kOtherType, 0, [&] {
+    delete bus;
+    deleted.set_value();
+  })));
+  ASSERT_EQ(0, bus->PublishMsg(std::make_shared<TestMsg>(kOtherType, 0, [&] { ++released; })));
+  gate.Open();
+  ASSERT_EQ(std::future_status::ready, deleted.get_future().wait_for(10s));
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (released == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  EXPECT_EQ(1, released.load());  // released once, undelivered
+}
+
 TEST(MsgBus, DestroyingRunningBusReleasesQueuedMessages) {
   auto msg = std::make_shared<TestMsg>(kType, 1);
   std::weak_ptr<TestMsg> ref = msg;

@@ -19,13 +19,35 @@ bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg
   return a->when < b->when;
 }
 
+// A message may be queued on several buses, and a publication on any of
+// them re-stamps it: one lock guards every bus's `when` stamps, `queued`
+// counts and `resortPending` flags. Taken after a bus's own mutex, never
+// before it. Never destroyed: buses may outlive static destruction.
+struct StampRegistry {
+  std::mutex mutex;
+  std::vector<MsgBus*> buses;  // every bus alive
+};
+StampRegistry& Stamps() {
+  static StampRegistry* const registry = new StampRegistry();
+  return *registry;
+}
+
+// The bus whose subscriber runs on this (delivery) thread, if any.
+thread_local const MsgBus* tDeliveringFor = nullptr;
+
 }  // namespace
 
-MsgBus::MsgBus() : loop(mutex, cond), queue(std::make_unique<Queue>()) {}
+MsgBus::MsgBus() : loop(mutex, cond), queue(std::make_unique<Queue>()) {
+  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  Stamps().buses.push_back(this);
+}
 
 MsgBus::~MsgBus() {
   if (!loop.Stopped()) Stop();
   loop.WaitForDetachedThread();
+  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  auto& buses = Stamps().buses;
+  buses.erase(std::find(buses.begin(), buses.end(), this));
 }
 
 int MsgBus::Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
@@ -50,52 +72,53 @@ int MsgBus::Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
 }
 
 int MsgBus::Start() {
-  return loop.Start([this] { process(); });
+  // A subscriber of this bus is waited for by the bus thread, like the bus
+  // thread itself: neither may start a successor under a joining Stop.
+  return loop.Start([this] { process(); }, tDeliveringFor == this);
 }
 
 int MsgBus::Stop() { return loop.Stop() == LoopThread::StopResult::kAlreadyStopped ? -1 : 0; }
 
 int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg) {
   if (!msg) return -1;
-  msg->when = WallClockMs();
-  if (loop.IsCurrent()) {
-    // From the bus thread: locked, but accepted even when stopped and without
-    // a wake-up (the bus sees it on its next cycle).
-    std::lock_guard<std::mutex> lock(mutex);
-    EnqueueSorted(std::move(msg));
-    return 0;
-  }
-  return EnqueueFromOtherThread(std::move(msg));
+  return Publish(std::move(msg), WallClockMs());
 }
 
 int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
   if (!msg) return -1;
   // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
-  msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
-                                     static_cast<unsigned long long>(delay));
-  if (loop.IsCurrent()) {
-    EnqueueWithoutLock(std::move(msg));
-    return 0;
-  }
-  return EnqueueFromOtherThread(std::move(msg));
+  return Publish(std::move(msg),
+                 static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
+                                        static_cast<unsigned long long>(delay)));
 }
 
-int MsgBus::EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg) {
+int MsgBus::Publish(std::shared_ptr<BaseMsg> msg, long long when) {
+  Stamp(*msg, when);  // even when the publication is then refused
+  const bool fromBusThread = loop.IsCurrent();
   std::lock_guard<std::mutex> lock(mutex);
-  if (loop.Stopped()) {
-    // Its new `when` still counts at the next publication's sort.
-    if (queued.count(msg.get()) != 0) resortPending = true;
-    return -1;
+  // From the bus thread: accepted even when stopped, and without a wake-up
+  // (the bus sees it on its next cycle).
+  if (!fromBusThread && loop.Stopped()) return -1;
+  {
+    std::lock_guard<std::mutex> stamps(Stamps().mutex);
+    EnqueueLockedStamped(std::move(msg));
   }
-  EnqueueSorted(std::move(msg));
-  cond.notify_one();
+  if (!fromBusThread) cond.notify_one();
   return 0;
 }
 
-void MsgBus::EnqueueSorted(std::shared_ptr<BaseMsg> msg) {
-  const bool alreadyQueued = queued[msg.get()]++ > 0;
-  if (alreadyQueued || resortPending) {
-    ResortLocked(std::move(msg));
+void MsgBus::Stamp(BaseMsg& msg, long long when) {
+  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  msg.when = when;
+  for (MsgBus* bus : Stamps().buses) {
+    if (bus->queued.count(&msg) != 0) bus->resortPending = true;
+  }
+}
+
+void MsgBus::EnqueueLockedStamped(std::shared_ptr<BaseMsg> msg) {
+  ++queued[msg.get()];
+  if (resortPending) {
+    ResortLockedStamped(std::move(msg));
     return;
   }
   // Logarithmic and stable: the place a full stable sort would give it.
@@ -103,7 +126,7 @@ void MsgBus::EnqueueSorted(std::shared_ptr<BaseMsg> msg) {
   queue->emplace(when, std::move(msg));
 }
 
-void MsgBus::ResortLocked(std::shared_ptr<BaseMsg> msg) {
+void MsgBus::ResortLockedStamped(std::shared_ptr<BaseMsg> msg) {
   Batch all;
   all.reserve(queue->size() + 1);
   for (auto& entry : *queue) all.push_back(std::move(entry.second));
@@ -117,9 +140,27 @@ void MsgBus::ResortLocked(std::shared_ptr<BaseMsg> msg) {
   resortPending = false;
 }
 
-void MsgBus::EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg) {
-  // Deliberately unlocked (unlike the immediate form from the bus thread).
-  EnqueueSorted(std::move(msg));
+void MsgBus::TakeDueLocked(long long now, Batch& batch) {
+  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  while (!queue->empty() && IsDue(*queue->begin()->second, now)) {
+    const auto front = queue->begin();
+    const auto entries = queued.find(front->second.get());
+    if (--entries->second == 0) queued.erase(entries);
+    batch.push_back(std::move(front->second));
+    queue->erase(front);
+  }
+}
+
+void MsgBus::PutBackAtHeadLocked(Batch& batch, size_t from) {
+  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  for (size_t i = batch.size(); i-- > from;) {
+    // Keyed like the head, placed before it: the order is kept, and the next
+    // publication sorts by `when` again.
+    const long long key = queue->empty() ? batch[i]->when : queue->begin()->first;
+    ++queued[batch[i].get()];
+    queue->emplace_hint(queue->begin(), key, std::move(batch[i]));
+  }
+  resortPending = true;
 }
 
 void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
@@ -143,39 +184,52 @@ void MsgBus::process() {
       WaitUpToOneSecond(lock);
       continue;
     }
-    Deliver(batch);
+    if (!Deliver(batch)) return;
   }
 }
 
-void MsgBus::TakeDueLocked(long long now, Batch& batch) {
-  while (!queue->empty() && IsDue(*queue->begin()->second, now)) {
-    const auto front = queue->begin();
-    const auto entries = queued.find(front->second.get());
-    if (--entries->second == 0) queued.erase(entries);
-    batch.push_back(std::move(front->second));
-    queue->erase(front);
+bool MsgBus::Deliver(Batch& batch) {
+  size_t next = 0;
+  for (; next < batch.size() && loop.ShouldRun(); ++next) {
+    std::shared_ptr<BaseMsg> msg = std::move(batch[next]);
+    DeliverToSubscribers(msg);
+    msg.reset();  // the bus's reference: its release may destroy the bus
+    if (LoopThread::OwnerDestroyed()) return false;
   }
-}
-
-void MsgBus::Deliver(Batch& batch) {
-  for (std::shared_ptr<BaseMsg>& slot : batch) {
-    std::shared_ptr<BaseMsg> msg = std::move(slot);
-    // After a Stop (or a restart on a newer thread) the rest of the batch is
-    // released undelivered.
-    if (!loop.ShouldRun() || !msg || subscribers.empty()) continue;
-    const auto entry = subscribers.find(msg->msg_type);
-    if (entry == subscribers.end()) continue;
-    const std::list<std::weak_ptr<MsgSubscriber>> receivers = entry->second;
-    for (const auto& receiver : receivers) {
-      std::shared_ptr<MsgSubscriber> subscriber = receiver.lock();
-      if (!subscriber) continue;
-      // One thread per delivery, waited for: deliveries never overlap and
-      // never run on the bus thread.
-      const int type = msg->msg_type;
-      std::async(std::launch::async, [type, msg, subscriber] {
-        subscriber->OnMsg(type, msg);
-      }).get();
+  Batch released;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (loop.Stopped()) {
+      // Stopped while delivering: the rest goes undelivered.
+      released.assign(std::make_move_iterator(batch.begin() + next),
+                      std::make_move_iterator(batch.end()));
+    } else if (next < batch.size()) {
+      // Restarted on a newer thread: that thread delivers the rest.
+      PutBackAtHeadLocked(batch, next);
     }
+  }
+  released.clear();
+  return !LoopThread::OwnerDestroyed();
+}
+
+void MsgBus::DeliverToSubscribers(const std::shared_ptr<BaseMsg>& msg) {
+  std::list<std::weak_ptr<MsgSubscriber>> receivers;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto entry = subscribers.find(msg->msg_type);
+    if (entry == subscribers.end()) return;
+    receivers = entry->second;
+  }
+  const int type = msg->msg_type;
+  for (const auto& receiver : receivers) {
+    std::shared_ptr<MsgSubscriber> subscriber = receiver.lock();
+    if (!subscriber) continue;
+    // One thread per delivery, waited for: deliveries never overlap and
+    // never run on the bus thread.
+    std::async(std::launch::async, [this, type, msg, subscriber] {
+      tDeliveringFor = this;
+      subscriber->OnMsg(type, msg);
+    }).get();
   }
 }
 

@@ -34,8 +34,8 @@ class ZEL_API BaseMsg {
   /// Routing type: the key subscribers are looked up by. Set by the
   /// publisher; the bus only reads it.
   int msg_type;
-  /// Due time. Stamped by PublishMsg on the publishing thread without a lock;
-  /// read by the bus under its mutex.
+  /// Due time. Stamped by PublishMsg and read by every bus under one
+  /// process-wide lock, so a message may be shared by several buses.
   long long when = -1;
 };
 
@@ -60,39 +60,46 @@ class MsgBus {
   /// A stopped bus with no subscribers; no thread until Start.
   ZEL_API MsgBus();
   /// Stops a running bus (joining its thread) and releases queued messages.
-  /// A bus thread that stopped itself is waited for until it has let go.
+  /// A bus thread that stopped itself is waited for until it has let go. May
+  /// run on the bus thread (a released message destroying its bus): that
+  /// thread then leaves without touching the bus again.
   ZEL_API ~MsgBus();
   MsgBus(const MsgBus&) = delete;
   MsgBus& operator=(const MsgBus&) = delete;
 
   /// Appends a weak reference to `s` to the subscribers of `msg_type`, in
-  /// registration order. The bus thread reads the registry without the lock,
-  /// so subscribe before Start (or while the bus is stopped).
+  /// registration order. Any thread; a message already being delivered goes
+  /// to the subscribers it was delivered with.
   /// @param msg_type The routing type to receive.
   /// @param s The subscriber; held weakly, the caller keeps it alive.
   /// @return Always 0.
   ZEL_API int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
-  /// Removes every reference to `s` under `msg_type`. Same rule as Subscribe:
-  /// not while deliveries may run.
+  /// Removes every reference to `s` under `msg_type`. Any thread, as Subscribe.
   /// @param msg_type The routing type.
   /// @param s The subscriber to remove.
   /// @return 0, or -1 if there was none.
   ZEL_API int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
 
-  /// Starts the bus thread. Whatever is still queued from an earlier run is
-  /// delivered by the new thread. After a stop from the bus's own thread,
-  /// first waits until that thread has left.
-  /// @return 0, or -1 if already running.
+  /// Starts the bus thread and returns at once. Whatever is still queued from
+  /// an earlier run is delivered by the new thread. When an earlier bus
+  /// thread is still busy (it stopped itself, or a Stop is joining it), the
+  /// new thread delivers nothing until that one has left; the old thread
+  /// hands the rest of its batch back to the head of the queue. Any thread.
+  /// @return 0; -1 if already running, or while another thread's Stop is
+  ///   joining the bus thread when called from the bus thread or from a
+  ///   subscriber's delivery (the join waits for the caller).
   ZEL_API int Start();
   /// Stops the bus. From another thread: joins the bus thread (waiting for the
   /// delivery in progress). From the bus thread itself: detaches it. Queued
-  /// messages stay for the next Start.
+  /// messages stay for the next Start. Any thread but a delivery of this bus
+  /// (that Stop would wait for itself for ever).
   /// @return 0; -1 with "already stoped " on stdout if it was not running.
   ZEL_API int Stop();
 
   /// Publishes for delivery as soon as possible. From another thread, refused
   /// (-1) while stopped; `when` is overwritten even then. From the bus thread
-  /// always accepted.
+  /// always accepted. Any thread. Every publication sorts the queue again by
+  /// each message's `when`, however a publication on any bus changed it.
   /// @param msg The message; the bus shares it while it is queued.
   /// @return 0, or -1 when refused or when `msg` is null.
   ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg);
@@ -108,38 +115,56 @@ class MsgBus {
 
  private:
   // Pending messages by due time; equal times in publication order (a
-  // multimap inserts after its equal keys).
+  // multimap inserts after its equal keys). A key is the message's `when` as
+  // of the last sort; a message re-stamped since keeps its place until the
+  // next publication sorts the whole queue again, as a list sorted at every
+  // publication would.
   using Queue = std::multimap<long long, std::shared_ptr<BaseMsg>>;
   using Batch = std::vector<std::shared_ptr<BaseMsg>>;
 
-  int EnqueueFromOtherThread(std::shared_ptr<BaseMsg> msg);
-  void EnqueueSorted(std::shared_ptr<BaseMsg> msg);
-  void EnqueueWithoutLock(std::shared_ptr<BaseMsg> msg);
-  // Sorts the whole queue again by each message's `when` (stably), for a
-  // message published again while still queued: its earlier entries move too.
-  void ResortLocked(std::shared_ptr<BaseMsg> msg);
+  // Stamps `when` and queues the message (see PublishMsg).
+  int Publish(std::shared_ptr<BaseMsg> msg, long long when);
+  // Sets msg.when under the stamp lock, and marks every bus that holds `msg`
+  // queued for a full sort at its next publication.
+  static void Stamp(BaseMsg& msg, long long when);
+  // Queues `msg` where a stable sort by `when` puts it; sorts everything when
+  // a queued message was re-stamped. Requires mutex and the stamp lock.
+  void EnqueueLockedStamped(std::shared_ptr<BaseMsg> msg);
+  // Sorts the whole queue and `msg` by each message's current `when`
+  // (stably, from the queue's order). Requires mutex and the stamp lock.
+  void ResortLockedStamped(std::shared_ptr<BaseMsg> msg);
   // Moves the messages due at `now` from the front of the queue into `batch`.
+  // Requires mutex; takes the stamp lock.
   void TakeDueLocked(long long now, Batch& batch);
+  // Puts batch[from...] back at the head of the queue, in order. Requires
+  // mutex; takes the stamp lock.
+  void PutBackAtHeadLocked(Batch& batch, size_t from);
   void WaitUpToOneSecond(std::unique_lock<std::mutex>& lock);
-  void Deliver(Batch& batch);
+  // Delivers the batch while the bus should run, then puts the rest back (a
+  // restart) or releases it (a stop). False when releasing a message
+  // destroyed this bus: nothing of it may be touched then. Bus thread only.
+  bool Deliver(Batch& batch);
+  // Hands `msg` to each live subscriber of its type, one delivery thread at a
+  // time. Bus thread only.
+  void DeliverToSubscribers(const std::shared_ptr<BaseMsg>& msg);
 
   // What the bus thread waits on; notified by publications from other threads.
   std::condition_variable cond;
-  // Guards queue, queued, resortPending, the state of `loop` and the writes to
-  // subscribers.
+  // Guards queue, subscribers and the state of `loop`.
   std::mutex mutex;
   // The bus thread: its start, stop and identity (for "am I the bus thread?").
   LoopThread loop;
-  // Pending messages. Guarded by mutex, except for the bus thread's own
-  // delayed publications.
+  // Pending messages. The pointer is immutable; the queue is guarded by mutex.
   std::unique_ptr<Queue> queue;
-  // How many entries of `queue` each message has; guarded like `queue`.
+  // How many entries of `queue` each message has. Guarded by the
+  // process-wide stamp lock (and changed with mutex held too), so that a
+  // publication on any bus can tell which buses hold the message it stamps.
   std::unordered_map<const BaseMsg*, size_t> queued;
-  // A queued message got a new `when` without a sort (its publication was
-  // refused): the next publication sorts everything. Guarded like `queue`.
+  // A queued message was re-stamped (by a publication here or on another
+  // bus, accepted or refused): the next publication sorts everything.
+  // Guarded by the stamp lock.
   bool resortPending = false;
-  // Subscribers by routing type. Written under mutex by Subscribe and
-  // Unsubscribe; read by the bus thread without it.
+  // Subscribers by routing type. Guarded by mutex.
   std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
 };
 

@@ -140,4 +140,40 @@ TEST(MsgBusStress, PublishersAgainstStopStartCyclesDeliverAtMostOnceAndReleaseOn
   }
 }
 
+// Released on the bus thread (nobody subscribes to its type, and nobody else
+// holds it): its destructor publishes the next link with a delay of 0.
+struct ChainLink : zel::BaseMsg {
+  ChainLink(zel::MsgBus* bus, std::atomic<int>* links, int length)
+      : BaseMsg(kChainType), bus(bus), links(links), length(length) {}
+  ~ChainLink() override {
+    if (++*links < length) bus->PublishMsg(std::make_shared<ChainLink>(bus, links, length), 0);
+  }
+  static constexpr int kChainType = 7;
+  zel::MsgBus* bus;
+  std::atomic<int>* links;
+  int length;
+};
+
+TEST(MsgBusStress, BusThreadsDelayedSelfPublicationsLoseNoLinkWhileTwoThreadsPublish) {
+  constexpr int kChain = 1000000 / ZEL_STRESS_DIVISOR;
+  constexpr int kPerThread = 1000000 / ZEL_STRESS_DIVISOR;
+  std::atomic<int> links{0};
+  zel::MsgBus bus;
+  ASSERT_EQ(0, bus.Start());
+  ASSERT_EQ(0, bus.PublishMsg(std::make_shared<ChainLink>(&bus, &links, kChain)));
+  std::vector<std::thread> publishers;
+  for (int p = 0; p < 2; ++p) {
+    publishers.emplace_back([&] {
+      for (int i = 0; i < kPerThread; ++i) bus.PublishMsg(std::make_shared<zel::BaseMsg>(kType));
+    });
+  }
+  for (auto& t : publishers) t.join();
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while (links < kChain && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(kChain, links.load());
+  EXPECT_EQ(0, bus.Stop());
+}
+
 }  // namespace
