@@ -25,26 +25,32 @@ int ConfigParser::Init(const std::string& file, const std::string& separator) {
     ZEL_ERROR_AT(13, "file[%s] err", file.c_str());
     return -1;
   }
-  mFilePath = file;
-  // A second Init replaces the key file; the old one is not kept alive.
-  if (mKeyFile != nullptr) g_key_file_free(mKeyFile);
-  mKeyFile = g_key_file_new();
-  if (separator.size() == 1) g_key_file_set_list_separator(mKeyFile, separator[0]);
-
+  GKeyFile* loaded = g_key_file_new();
+  if (separator.size() == 1) g_key_file_set_list_separator(loaded, separator[0]);
   GError* error = nullptr;
-  if (g_key_file_load_from_file(mKeyFile, file.c_str(), G_KEY_FILE_NONE, &error)) return 0;
-  g_error_free(error);
-  g_key_file_free(mKeyFile);
-  // Cleared so the destructor does not free it a second time; lookups on a
-  // parser whose Init failed give their failure values.
-  mKeyFile = nullptr;
+  if (!g_key_file_load_from_file(loaded, file.c_str(), G_KEY_FILE_NONE, &error)) {
+    g_error_free(error);
+    g_key_file_free(loaded);
+    // Lookups on a parser whose Init failed give their failure values.
+    loaded = nullptr;
+  }
+  {
+    // Swapped under the lock: another thread's lookup may be using the old one.
+    std::lock_guard<std::mutex> lock(mMutex);
+    mFilePath = file;
+    // A second Init replaces the key file; the old one is not kept alive.
+    if (mKeyFile != nullptr) g_key_file_free(mKeyFile);
+    mKeyFile = loaded;
+  }
+  if (loaded != nullptr) return 0;
   ZEL_ERROR_AT(29, "file[%s] err", file.c_str());
   return -1;
 }
 
 bool ConfigParser::GetBooleanVal(const std::string& group, const std::string& key) {
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return false;
+  if (AnyEmpty(group, key)) return false;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return false;
   GError* error = nullptr;
   const gboolean value = g_key_file_get_boolean(mKeyFile, group.c_str(), key.c_str(), &error);
   g_clear_error(&error);
@@ -52,8 +58,9 @@ bool ConfigParser::GetBooleanVal(const std::string& group, const std::string& ke
 }
 
 std::string ConfigParser::GetStringVal(const std::string& group, const std::string& key) {
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return std::string();
+  if (AnyEmpty(group, key)) return std::string();
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return std::string();
   GError* error = nullptr;
   gchar* text = g_key_file_get_string(mKeyFile, group.c_str(), key.c_str(), &error);
   g_clear_error(&error);
@@ -63,8 +70,9 @@ std::string ConfigParser::GetStringVal(const std::string& group, const std::stri
 }
 
 int ConfigParser::GetIntegerVal(const std::string& group, const std::string& key, int* value) {
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return -1;
+  if (AnyEmpty(group, key)) return -1;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return -1;
   GError* error = nullptr;
   *value = g_key_file_get_integer(mKeyFile, group.c_str(), key.c_str(), &error);
   g_clear_error(&error);
@@ -72,8 +80,9 @@ int ConfigParser::GetIntegerVal(const std::string& group, const std::string& key
 }
 
 int ConfigParser::GetDoubleVal(const std::string& group, const std::string& key, double* value) {
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return -1;
+  if (AnyEmpty(group, key)) return -1;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return -1;
   GError* error = nullptr;
   const gdouble number = g_key_file_get_double(mKeyFile, group.c_str(), key.c_str(), &error);
   if (error != nullptr) {
@@ -87,8 +96,9 @@ int ConfigParser::GetDoubleVal(const std::string& group, const std::string& key,
 
 std::vector<bool> ConfigParser::GetBooleanVals(const std::string& group, const std::string& key) {
   std::vector<bool> values;
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return values;
+  if (AnyEmpty(group, key)) return values;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
   gboolean* list =
@@ -106,8 +116,9 @@ std::vector<bool> ConfigParser::GetBooleanVals(const std::string& group, const s
 std::vector<std::string> ConfigParser::GetStringVals(const std::string& group,
                                                      const std::string& key) {
   std::vector<std::string> values;
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return values;
+  if (AnyEmpty(group, key)) return values;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
   gchar** list = g_key_file_get_string_list(mKeyFile, group.c_str(), key.c_str(), &length, &error);
@@ -123,8 +134,9 @@ std::vector<std::string> ConfigParser::GetStringVals(const std::string& group,
 
 std::vector<int> ConfigParser::GetIntegerVals(const std::string& group, const std::string& key) {
   std::vector<int> values;
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return values;
+  if (AnyEmpty(group, key)) return values;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
   gint* list = g_key_file_get_integer_list(mKeyFile, group.c_str(), key.c_str(), &length, &error);
@@ -140,8 +152,9 @@ std::vector<int> ConfigParser::GetIntegerVals(const std::string& group, const st
 
 std::vector<double> ConfigParser::GetDoubleVals(const std::string& group, const std::string& key) {
   std::vector<double> values;
-  if (AnyEmpty(group, key) || mKeyFile == nullptr) return values;
+  if (AnyEmpty(group, key)) return values;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
   gdouble* list = g_key_file_get_double_list(mKeyFile, group.c_str(), key.c_str(), &length, &error);
@@ -157,8 +170,9 @@ std::vector<double> ConfigParser::GetDoubleVals(const std::string& group, const 
 
 int ConfigParser::SetValuesByString(const std::string& group, const std::string& key,
                                     const std::string& value) {
-  if (AnyEmpty(group, key) || value.empty() || mKeyFile == nullptr) return -1;
+  if (AnyEmpty(group, key) || value.empty()) return -1;
   std::lock_guard<std::mutex> lock(mMutex);
+  if (mKeyFile == nullptr) return -1;
   g_key_file_set_string(mKeyFile, group.c_str(), key.c_str(), value.c_str());
   // Changes live in memory only; saving them was never done.
   ZEL_ERROR_AT(224, "not implement");

@@ -3,7 +3,7 @@
 ///
 /// Read-mostly: the only write is in memory (SetValuesByString); nothing is
 /// ever saved. Every lookup takes the parser's own mutex, so one parser may be
-/// shared by threads once Init has finished.
+/// shared by threads.
 #pragma once
 
 #include <mutex>
@@ -17,8 +17,8 @@ typedef struct _GKeyFile GKeyFile;  // NOLINT(bugprone-reserved-identifier): GLi
 
 namespace zel {
 
-/// Typed lookups by group and key in one loaded key file. Lookups take the
-/// parser's mutex; Init does not, so call it before the parser is shared.
+/// Typed lookups by group and key in one loaded key file. Any thread: lookups
+/// take the parser's mutex, and Init swaps in the key file it loaded under it.
 class ConfigParser {
  public:
   /// Unloaded: empty path, no key file. Lookups answer their failure values
@@ -29,8 +29,8 @@ class ConfigParser {
   ConfigParser(const ConfigParser&) = delete;
   ConfigParser& operator=(const ConfigParser&) = delete;
 
-  /// Loads `file` (comments are not kept). Not locked: call before the parser
-  /// is shared.
+  /// Loads `file` (comments are not kept), then replaces the key file under
+  /// the lock; lookups meanwhile see the old one or the new one.
   /// @param file Path of the key file.
   /// @param separator List separator: a text of exactly one character becomes
   ///   the list separator, anything else keeps ";".
@@ -97,11 +97,11 @@ class ConfigParser {
                                 const std::string& value);
 
  private:
-  // Path given to Init. Written by Init only (unlocked).
+  // Path given to Init. Guarded by mMutex.
   std::string mFilePath;
-  // Taken by every lookup and by SetValuesByString.
+  // Taken by every lookup, by SetValuesByString and by Init to swap the key file.
   std::mutex mMutex;
-  // Set by Init (unlocked); used under mMutex. Null until Init succeeds.
+  // Null until Init succeeds (and after a failed Init). Guarded by mMutex.
   GKeyFile* mKeyFile = nullptr;
 };
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "utils/local_time.h"
+#include "utils/log_paths.h"
 #include "utils/process_info.h"
 #include "utils/queued_line.h"
 
@@ -106,18 +107,22 @@ std::string Logger::getPrefix() {
   const std::string processName = get_process_name();
   const struct tm local = LocalNow();
   const std::string day = DateText(local);
-  // Deliberately unlocked: zel_set_log_path/zel_get_log_path share these statics.
-  if (day == mDay && !mDirPrefix.empty()) return mDirPrefix;
+  const std::string last = DayDirectory();
+  if (day == mDay && !last.empty()) return last;
   mDay = day;
   mTimeTag = TimeTag(local);
   mProcTag = processName + "-" + std::to_string(static_cast<long long>(getpid()));
-  if (!mFixedDirPrefix.empty()) {
-    mDirPrefix = mFixedDirPrefix + day;
-    printf("%s %d: prefix[%s]\n", "getPrefix", 183, mDirPrefix.c_str());
+  const std::string base = FixedBase();
+  std::string dir;
+  if (!base.empty()) {
+    dir = base + day;
+    SetDayDirectory(dir);
+    printf("%s %d: prefix[%s]\n", "getPrefix", 183, dir.c_str());
   } else {
-    mDirPrefix = BuildLogPath(day);
+    dir = BuildLogPath(day);
+    SetDayDirectory(dir);
   }
-  return mDirPrefix;
+  return dir;
 }
 
 void Logger::UpdateLogDir() {

@@ -147,12 +147,13 @@ class ZEL_API Logger : public LogBackend {
   /// Held by GetInstance while it creates the singleton.
   static std::mutex sMutex;
   /// The day directory last computed ("" before the first). Written by the
-  /// Logger thread and read by zel_get_log_path, without a lock. Never
-  /// destroyed: the Logger thread may still read it while the process exits.
+  /// Logger thread and read by zel_get_log_path, both under the library's
+  /// path lock; read it through zel_get_log_path. Never destroyed: the Logger
+  /// thread may still read it while the process exits.
   static std::string& mDirPrefix;
   /// The fixed log base ("" for the default). Written by zel_set_log_path and
-  /// read by the Logger thread, without a lock: callers set the path once,
-  /// first. Never destroyed, like mDirPrefix.
+  /// read by the Logger thread, both under the library's path lock; set it
+  /// through zel_set_log_path. Never destroyed, like mDirPrefix.
   static std::string& mFixedDirPrefix;
 
  private:

@@ -4,6 +4,7 @@
 /// callback(id, user_data) on that thread, outside the lock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <list>
@@ -82,8 +83,8 @@ class Timer {
   std::chrono::steady_clock::time_point created;
   // Id of the next Start. Guarded by mutex.
   unsigned long long next_id = 1;
-  // Plain flag on purpose: written once by the destructor, polled between scans.
-  bool quit = false;
+  // Set once by the destructor, polled between scans. Atomic: read unlocked.
+  std::atomic<bool> quit{false};
 };
 
 }  // namespace zel

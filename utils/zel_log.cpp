@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "utils/local_time.h"
+#include "utils/log_paths.h"
 #include "utils/logger.h"
 
 namespace zel {
@@ -131,13 +132,11 @@ extern "C" void zel_set_log_level(int level) {
 extern "C" int zel_log_level() { return gLogLevel.load(std::memory_order_relaxed); }
 
 extern "C" void zel_set_log_path(const char* path) {
-  // Unlocked on purpose: the path is set once, before logging starts.
-  if (path != nullptr && path[0] != '\0') zel::Logger::mFixedDirPrefix = path;
+  if (path != nullptr && path[0] != '\0') zel::logdetail::SetFixedBase(path);
 }
 
 extern "C" int zel_get_log_path(char* buf, int size) {
-  // Unlocked on purpose, like zel_set_log_path.
-  const std::string& dir = zel::Logger::mDirPrefix;
+  const std::string dir = zel::logdetail::DayDirectory();
   if (dir.empty()) return -1;
   strncpy(buf, dir.c_str(), size > 0 ? static_cast<size_t>(size - 1) : 0);
   return 0;

@@ -59,15 +59,20 @@ std::string ZelProcessContext::GetImageVersion() { return imageVersion; }
 
 // ---- ZelTracer: instance, context, ids ----
 
-ZelTracer* ZelTracer::sZelTracer = nullptr;
+std::atomic<ZelTracer*> ZelTracer::sZelTracer{nullptr};
 std::mutex ZelTracer::sMutex;
 
 ZelTracer* ZelTracer::GetInstance() {
-  // Double-checked: the first read is unlocked on purpose (set once, never cleared).
-  if (sZelTracer != nullptr) return sZelTracer;
+  // Double-checked: set once, never cleared, so the first read needs no lock.
+  ZelTracer* tracer = sZelTracer.load(std::memory_order_acquire);
+  if (tracer != nullptr) return tracer;
   std::lock_guard<std::mutex> lock(sMutex);
-  if (sZelTracer == nullptr) sZelTracer = new ZelTracer();
-  return sZelTracer;
+  tracer = sZelTracer.load(std::memory_order_relaxed);
+  if (tracer == nullptr) {
+    tracer = new ZelTracer();
+    sZelTracer.store(tracer, std::memory_order_release);
+  }
+  return tracer;
 }
 
 ZelTracer::ZelTracer() {

@@ -7,6 +7,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -268,8 +269,8 @@ class ZEL_API ZelTracer {
   std::shared_timed_mutex rwlock;
   std::vector<TracerBackend*> backends;  // guarded by rwlock
 
-  // The instance: set once under sMutex, first read without it (double-checked).
-  ZEL_INTERNAL static ZelTracer* sZelTracer;
+  // The instance: set once under sMutex, first read without it (double-checked). Atomic.
+  ZEL_INTERNAL static std::atomic<ZelTracer*> sZelTracer;
   // Held by GetInstance while it creates the instance.
   ZEL_INTERNAL static std::mutex sMutex;
 };
