@@ -8,8 +8,9 @@
 
 #include "utils/local_time.h"
 #include "utils/log_paths.h"
+#include "utils/log_recovery.h"
+#include "utils/log_writer.h"
 #include "utils/process_info.h"
-#include "utils/queued_line.h"
 
 namespace zel {
 
@@ -18,7 +19,57 @@ namespace zel {
 // only ever one in practice). Logger thread only.
 namespace {
 logdetail::RotatingFile sCurFile;
+
+// 2 MiB of text, 32,768 lines: a few seconds of a busy process's lines.
+constexpr logdetail::StagingArea::Sizes kStagingSizes{32768, 2 * 1024 * 1024};
+
+// The base the day directories go under, as getPrefix picks it, without
+// creating anything.
+std::string LogBase() {
+  const std::string fixed = logdetail::FixedBase();
+  if (!fixed.empty()) return fixed;
+  const char* user = getenv("USER");
+  return std::string("/Users/") + (user != nullptr ? std::string(user) + "/Library/zel/" : "");
+}
+
+// "<day directory>zel.<process>-<pid>.<n>.stage": beside the file it stages
+// for, and never a log file's name.
+std::string StagingPath(const std::string& dayDir, const std::string& procTag) {
+  static std::atomic<unsigned> made{0};
+  return dayDir + "zel." + procTag + "." + std::to_string(made++) + logdetail::staging::kSuffix;
+}
+
 }  // namespace
+
+namespace logdetail {
+
+// The process log's side of the writer: its directory, names, date rule and
+// sinks.
+class ProcessLogHooks : public WriterOwner {
+ public:
+  explicit ProcessLogHooks(Logger& logger) : logger(logger) {}
+  bool FileMode() override { return logger.mFileMode; }
+  void UpdateLogDir() override { logger.UpdateLogDir(); }
+  FileNaming Naming() override { return logger.Naming(); }
+  bool DateChanged() override { return logger.DateChanged(); }
+  void Rotated(const char*, const char*) override {}
+  void Opening(const char*) override {}
+  bool HasSinks() override {
+    std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
+    return !logger.mBackends.empty();
+  }
+  void ToSinks(const char* text, size_t length) override {
+    std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
+    if (logger.mBackends.empty()) return;
+    const std::string line(text, length);
+    for (LogBackend* backend : logger.mBackends) backend->Log(line);
+  }
+
+ private:
+  Logger& logger;
+};
+
+}  // namespace logdetail
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
 std::mutex Logger::sMutex;
@@ -47,7 +98,7 @@ std::string BuildLogPath(const std::string& sub) {
 Logger::Logger() { init(); }
 
 Logger::~Logger() {
-  if (mLooper) mLooper->Stop();
+  mWriter.reset();  // writes what is staged first
   if (mFp != nullptr) fclose(mFp);
 }
 
@@ -69,8 +120,13 @@ int Logger::init() {
   UpdateLogDir();
   mLogDirLen = mLogDir.size();
   mFileMode = true;
-  mLooper = std::make_unique<Looper>();
-  mLooper->Start();
+  const std::string base = LogBase();
+  auto staging = std::make_unique<StagingArea>(StagingPath(mLogDir, mProcTag), staging::kProcessLog,
+                                               get_process_name(), kStagingSizes);
+  mWriter = std::make_unique<LogWriter>(std::make_unique<ProcessLogHooks>(*this), sCurFile,
+                                        WriterRules{556, 333, mMaxFileSize, mMaxFileCount},
+                                        std::move(staging));
+  mWriter->Start([base] { RecoverProcessLog(base); });
   return 0;
 }
 
@@ -86,11 +142,7 @@ int Logger::Log(std::string&& msg, int level, bool toBackends) {
 
 int Logger::Log(const char* text, size_t length, int level, bool toBackends) {
   (void)level;  // stored by the record clients know, never read
-  return mLooper->PostMessageAAA(QueuedLine::Make(&WriteLine, this, text, length, toBackends));
-}
-
-void Logger::WriteLine(void* logger, const char* text, size_t length, bool toBackends) {
-  static_cast<Logger*>(logger)->Write(text, length, toBackends);
+  return mWriter->Append(text, length, toBackends);
 }
 
 void Logger::AddBackend(LogBackend* backend) {
@@ -143,20 +195,7 @@ logdetail::FileNaming Logger::Naming() const {
   return {mLogDir, mLogDirLen, "zel.log." + mProcTag, mTimeTag};
 }
 
-FILE* Logger::getFile() {
-  if (sCurFile.fp != nullptr) {
-    // Today's date as of this line: the time zone may have moved since the
-    // last one (a travelling laptop), so nothing is cached.
-    if (!sCurFile.MustRotate(mMaxFileSize) && !DateChanged()) return sCurFile.fp;
-    char rotated[kPathSize];
-    // Into the old day's directory: mLogDir is not refreshed until the reopen below.
-    sCurFile.RotateOut(Naming(), 556, rotated);
-    updateLogFile(sCurFile.index);
-  }
-  UpdateLogDir();
-  sCurFile.NameCurrent(Naming());
-  return sCurFile.Open();
-}
+FILE* Logger::getFile() { return mWriter->CurrentFile(); }
 
 void Logger::updateLogFile(unsigned char index) {
   sCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
@@ -171,27 +210,6 @@ bool Logger::DateChanged() {
     mTodayConversion = now.conversion;
   }
   return mToday != mDay;
-}
-
-void Logger::Write(const char* text, size_t length, bool toBackends) {
-  FILE* fp = mFileMode ? getFile() : stderr;
-  if (fp == nullptr) {
-    printf("%s %d: fp is null \n", "operator()", 333);
-    return;
-  }
-  if (toBackends) {
-    std::shared_lock<std::shared_timed_mutex> lock(mBackendMutex);
-    if (!mBackends.empty()) {
-      const std::string line(text, length);
-      for (LogBackend* backend : mBackends) backend->Log(line);
-    }
-  }
-  // A removed directory comes back; the open handle itself is kept.
-  const int written = PrintLine(fp, text);
-  if (written <= 0) UpdateLogDir();
-  // Every line reaches the file before the next one is taken: nothing
-  // written is lost when the process dies.
-  if (mFileMode) sCurFile.Flushed(written, fflush(fp) == 0);
 }
 
 }  // namespace zel

@@ -9,6 +9,12 @@
 /// `zel.log.<process>-<pid>.<hhmmss>.<n>` once it passed 5242880 bytes, on a
 /// date change and when it vanished; 10 files per process and time tag are
 /// kept. The Logger's own complaints go to standard output, never into the log.
+///
+/// What survives: a line Log() accepted is staged in a memory-mapped file
+/// (`<base>zel.<process>-<pid>.<n>.stage`) until it is on disk, so it outlives
+/// the process's death by any signal; the next process that starts the log in
+/// the same base writes it. Lines accepted before exit() or the library's
+/// unloading are written before the process ends.
 #pragma once
 
 #include <sys/types.h>
@@ -28,6 +34,11 @@
 #include "utils/rotating_file.h"
 
 namespace zel {
+
+namespace logdetail {
+class LogWriter;
+class ProcessLogHooks;
+}  // namespace logdetail
 
 /// A sink for log lines. Clients attach their own to the Logger (AddBackend);
 /// attached sinks run on the Logger's thread, under its shared backend lock.
@@ -52,8 +63,8 @@ class ZEL_API LogBackend {
   }
 };
 
-/// One queued line, owned by the message that carries it. A plain record:
-/// whoever holds it guards it.
+/// One line as clients know it (the Logger stages the same three facts
+/// itself). A plain record: whoever holds it guards it.
 struct LogInfo {
   std::string msg;          ///< written as is: no prefix, no newline added
   int level = 3;            ///< stored, never read
@@ -62,14 +73,17 @@ struct LogInfo {
 
 /// The process log. Create it through GetInstance (log_print does); it lives
 /// until the process exits. Everything but Log/AddBackend/RemoveBackend runs on
-/// the Logger's own thread (and, once, in the constructor). Queued lines travel
-/// as messages of their own that carry the text inline (one allocation each);
-/// LogInfo is the record of the same three fields that clients know.
+/// the Logger's own thread (and, once, in the constructor). Lines are staged
+/// in a fixed area (2 MiB of text, 32,768 lines): a caller waits while it is
+/// full; a sink that logs on the Logger's thread never waits (its lines that
+/// find no room are counted and reported as one line). The installed layout
+/// of this class is ABI: its size and members' order stay.
 class ZEL_API Logger : public LogBackend {
  public:
   /// Sets up the members and runs init(): day directory and writer thread.
   Logger();
-  /// Stops the writer (queued lines are dropped). The current file stays open.
+  /// Writes what is staged (giving up after 5 s) and stops the writer. The
+  /// current file stays open.
   ~Logger() override;
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
@@ -79,30 +93,31 @@ class ZEL_API Logger : public LogBackend {
   /// @return The Logger; never destroyed.
   static Logger* GetInstance();
 
-  /// Queue `msg` for writing: level 3, not to the sinks. Any thread.
+  /// Stage `msg` for writing: level 3, not to the sinks. Any thread; may
+  /// wait for room.
   /// @param msg The line, written as is; copied.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   int Log(const std::string& msg) override;
-  /// Queue `msg` for writing. Any thread.
+  /// Stage `msg` for writing. Any thread; may wait for room.
   /// @param msg The line, written as is; copied.
   /// @param level Stored, never read.
   /// @param toBackends Also hand the line to the attached sinks.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   int Log(const std::string& msg, int level, bool toBackends) override;
-  /// The same for a temporary: its text is copied into the line's own
-  /// allocation like any other. Any thread.
+  /// The same for a temporary: its text is copied like any other. Any thread.
   /// @param msg The line, written as is.
   /// @param level Stored, never read.
   /// @param toBackends Also hand the line to the attached sinks.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   int Log(std::string&& msg, int level, bool toBackends);
-  /// The same for `length` characters at `text`, copied: one allocation per
-  /// line, whatever its length. Can be called on any thread.
+  /// The same for `length` characters at `text`, copied into the staging
+  /// area: no allocation. A line longer than the whole area is not staged:
+  /// the call returns once it is written, in order. Any thread.
   /// @param text The line; the file gets it up to its first NUL.
   /// @param length Number of characters at `text`.
   /// @param level Stored, never read.
   /// @param toBackends Also hand the line to the attached sinks.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   int Log(const char* text, size_t length, int level, bool toBackends);
 
   /// Attach a client sink (not owned). Takes the backend lock exclusively.
@@ -157,11 +172,8 @@ class ZEL_API Logger : public LogBackend {
   static std::string& mFixedDirPrefix;
 
  private:
-  // The writer: one line, on the Logger's thread. WriteLine is how a queued
-  // line (one allocation with its text) reaches it.
-  ZEL_INTERNAL void Write(const char* text, size_t length, bool toBackends);
-  ZEL_INTERNAL static void WriteLine(void* logger, const char* text, size_t length,
-                                     bool toBackends);
+  friend class logdetail::ProcessLogHooks;
+
   // Whether today's local date is no longer mDay. Logger thread only.
   ZEL_INTERNAL bool DateChanged();
   // How this Logger's files are named right now.
@@ -186,9 +198,10 @@ class ZEL_API Logger : public LogBackend {
   // snprintf per second instead of one per line. Logger thread only.
   std::string mToday;
   uint64_t mTodayConversion = 0;
-  // The writer's loop, made by init(); Log reads it unlocked, so init() is
-  // not called again while lines are logged.
-  std::unique_ptr<Looper> mLooper;
+  // The writer (its staging area and its loop thread), made by init(); Log
+  // reads the pointer unlocked, so init() is not called again while lines
+  // are logged.
+  std::unique_ptr<logdetail::LogWriter> mWriter;
   std::vector<LogBackend*> mBackends;  // guarded by mBackendMutex
 };
 

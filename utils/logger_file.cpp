@@ -1,6 +1,11 @@
 #include "utils/logger_file.h"
 
-#include "utils/queued_line.h"
+#include <unistd.h>
+
+#include <atomic>
+
+#include "utils/log_recovery.h"
+#include "utils/log_writer.h"
 
 namespace zel {
 
@@ -9,12 +14,53 @@ using namespace logdetail;
 LoggerFile* LoggerFile::sFileLogger = nullptr;
 std::mutex LoggerFile::sMutex;
 
+namespace {
+
+// 256 KiB of text, 4,096 lines: named logs are quieter than the process log.
+constexpr StagingArea::Sizes kStagingSizes{4096, 256 * 1024};
+
+// "<dir><name>.<pid>.<n>.stage": never a log file's name.
+std::string StagingName(const std::string& name) {
+  static std::atomic<unsigned> made{0};
+  return name + "." + std::to_string(static_cast<long long>(getpid())) + "." +
+         std::to_string(made++) + staging::kSuffix;
+}
+
+}  // namespace
+
+namespace logdetail {
+
+// A named log's side of the writer: its directory and names, the status
+// lines around rotation and opening; no date rule, no sinks.
+class NamedLogHooks : public WriterOwner {
+ public:
+  explicit NamedLogHooks(LoggerFile& file) : file(file) {}
+  bool FileMode() override { return file.mFileMode; }
+  void UpdateLogDir() override { file.UpdateLogDir(); }
+  FileNaming Naming() override { return file.Naming(); }
+  bool DateChanged() override { return false; }  // a named file keeps its time tag for life
+  void Rotated(const char* from, const char* to) override {
+    printf("update loggerfile ,rename  [%s] to [%s] ...... \n", from, to);
+  }
+  void Opening(const char* path) override {
+    printf("mCurFp is null, creatfile [%s] [%s] [%s]\n", file.mTag.c_str(), file.mTimeTag.c_str(),
+           path);
+  }
+  bool HasSinks() override { return false; }
+  void ToSinks(const char*, size_t) override {}
+
+ private:
+  LoggerFile& file;
+};
+
+}  // namespace logdetail
+
 LoggerFile::LoggerFile(const std::string& dir) : mDir(dir), mTimeTag(TimeTag(LocalNow())) {
   init();
 }
 
 LoggerFile::~LoggerFile() {
-  if (mLooper) mLooper->Stop();
+  mWriter.reset();  // writes what is staged first
   // Once the writer is stopped: a destroyed named log keeps no descriptor.
   mCurFile.Close();
   if (mFp != nullptr) fclose(mFp);
@@ -25,17 +71,22 @@ int LoggerFile::init() {
   UpdateLogDir();
   mLogDirLen = mLogDir.size();
   mFileMode = true;
-  mLooper = std::make_unique<Looper>();
-  mLooper->Start();
+  auto staging = std::make_unique<StagingArea>(mDir + StagingName(mName), staging::kNamedLog, "",
+                                               kStagingSizes);
+  mWriter = std::make_unique<LogWriter>(std::make_unique<NamedLogHooks>(*this), mCurFile,
+                                        WriterRules{328, 201, mMaxFileSize, mMaxFileCount},
+                                        std::move(staging));
+  const std::string dir = mDir;
+  mWriter->Start([dir] { RecoverNamedLog(dir); });
   return 0;
 }
 
 int LoggerFile::Log(const std::string& msg) { return Log(msg, 3, false); }
 
 int LoggerFile::Log(const std::string& msg, int level, bool toBackends) {
-  (void)level;  // stored by the record clients know, never read
-  return mLooper->PostMessageAAA(
-      QueuedLine::Make(&WriteLine, this, msg.data(), msg.size(), toBackends));
+  (void)level;       // stored by the record clients know, never read
+  (void)toBackends;  // a named log has no sinks
+  return mWriter->Append(msg.data(), msg.size(), false);
 }
 
 void LoggerFile::SetName(const std::string& name) { mName = name; }
@@ -57,39 +108,10 @@ FILE* LoggerFile::getLogFp() { return mFileMode ? getFile() : stderr; }
 
 logdetail::FileNaming LoggerFile::Naming() const { return {mLogDir, mLogDirLen, mName, mTimeTag}; }
 
-FILE* LoggerFile::getFile() {
-  if (mCurFile.fp != nullptr) {
-    // Never rotated by the date: a named file keeps its time tag for life.
-    if (!mCurFile.MustRotate(mMaxFileSize)) return mCurFile.fp;
-    char rotated[kPathSize];
-    mCurFile.RotateOut(Naming(), 328, rotated);
-    printf("update loggerfile ,rename  [%s] to [%s] ...... \n", mCurFile.path, rotated);
-    updateLogFile(mCurFile.index);
-  }
-  UpdateLogDir();
-  mCurFile.NameCurrent(Naming());
-  printf("mCurFp is null, creatfile [%s] [%s] [%s]\n", mTag.c_str(), mTimeTag.c_str(),
-         mCurFile.path);
-  return mCurFile.Open();
-}
+FILE* LoggerFile::getFile() { return mWriter->CurrentFile(); }
 
 void LoggerFile::updateLogFile(unsigned char index) {
   mCurFile.RemoveExpired(Naming(), index, mMaxFileCount);
-}
-
-void LoggerFile::WriteLine(void* file, const char* text, size_t, bool) {
-  static_cast<LoggerFile*>(file)->Write(text);
-}
-
-void LoggerFile::Write(const char* text) {
-  FILE* fp = mFileMode ? getFile() : stderr;
-  if (fp == nullptr) {
-    printf("%s %d: fp is null \n", "operator()", 201);
-    return;
-  }
-  const int written = PrintLine(fp, text);
-  if (written <= 0) UpdateLogDir();
-  if (mFileMode) mCurFile.Flushed(written, fflush(fp) == 0);
 }
 
 }  // namespace zel

@@ -6,6 +6,10 @@
 /// (the time tag is taken at construction and kept for life), rotating it to
 /// `<dir><name>.<hhmmss>.<n>` once it passed 5242880 bytes or vanished, keeping
 /// 10 files. `dir` must end in "/". Status lines go to standard output.
+///
+/// What survives: as for the process log, an accepted line is staged in a
+/// memory-mapped file in `dir` (`<name>.<pid>.<n>.stage`) until it is on disk,
+/// and the next LoggerFile made on `dir` writes what a dead process left.
 #pragma once
 
 #include <cstdint>
@@ -21,14 +25,21 @@
 
 namespace zel {
 
+namespace logdetail {
+class LogWriter;
+class NamedLogHooks;
+}  // namespace logdetail
+
 /// One named log: its own writer thread, file and rotation. Log may be called
 /// from any thread; the rest runs on the writer thread (and, once, in the
-/// constructor), except SetName, which comes before the first line.
+/// constructor), except SetName, which comes before the first line. Lines are
+/// staged in a fixed area (256 KiB of text, 4,096 lines); a caller waits while
+/// it is full. The installed layout of this class is ABI: its size and
+/// members' order stay.
 class ZEL_API LoggerFile {
  public:
-  /// The record of a queued line that clients know; queued lines travel as
-  /// messages that carry their text inline (one allocation each). A plain
-  /// record: whoever holds it guards it.
+  /// A line as clients know it (the named log stages the same facts itself).
+  /// A plain record: whoever holds it guards it.
   struct LogFileInfo {
     std::string msg;          ///< written as is: no prefix, no newline added
     int level = 3;            ///< stored, never read
@@ -39,20 +50,21 @@ class ZEL_API LoggerFile {
   /// starts the writer thread. The file is opened by the first line.
   /// @param dir Directory of the files; must end in "/".
   explicit LoggerFile(const std::string& dir);
-  /// Stops the writer (queued lines are dropped) and closes the current file.
+  /// Writes what is staged (giving up after 5 s), stops the writer and closes
+  /// the current file.
   ~LoggerFile();
   LoggerFile(const LoggerFile&) = delete;
   LoggerFile& operator=(const LoggerFile&) = delete;
 
-  /// Queue `msg` for writing, as is. Any thread.
+  /// Stage `msg` for writing, as is. Any thread; may wait for room.
   /// @param msg The line; copied.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   virtual int Log(const std::string& msg);
-  /// Queue `msg` for writing, as is. Any thread.
+  /// Stage `msg` for writing, as is. Any thread; may wait for room.
   /// @param msg The line; copied.
   /// @param level Stored, never read.
   /// @param toBackends Ignored: a named log has no sinks.
-  /// @return 0 posted, -1 refused.
+  /// @return 0.
   virtual int Log(const std::string& msg, int level, bool toBackends);
 
   /// The file-name stem ("" unless set). Call before the first line.
@@ -91,10 +103,8 @@ class ZEL_API LoggerFile {
   static std::mutex sMutex;
 
  private:
-  // The writer: one line, on this instance's thread. WriteLine is how a
-  // queued line reaches it.
-  ZEL_INTERNAL void Write(const char* text);
-  ZEL_INTERNAL static void WriteLine(void* file, const char* text, size_t length, bool toBackends);
+  friend class logdetail::NamedLogHooks;
+
   // How this instance's files are named.
   ZEL_INTERNAL logdetail::FileNaming Naming() const;
 
@@ -112,9 +122,10 @@ class ZEL_API LoggerFile {
   int32_t mMaxFileSize = 5242880;         // immutable
   FILE* mFp = nullptr;                    // never opened
   std::string mUnused2;                   // never used
-  // The writer's loop, made by init(); Log reads it unlocked, so init() is
-  // not called again while lines are logged.
-  std::unique_ptr<Looper> mLooper;
+  // The writer (its staging area and its loop thread), made by init(); Log
+  // reads the pointer unlocked, so init() is not called again while lines
+  // are logged.
+  std::unique_ptr<logdetail::LogWriter> mWriter;
   // The open current file, its path and its next rotation number. Writer
   // thread only; the destructor closes it once the writer is stopped.
   logdetail::RotatingFile mCurFile;

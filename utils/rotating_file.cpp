@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #if defined(__linux__)
 #include <sys/sysmacros.h>
 #endif
@@ -124,31 +125,28 @@ void MakeDirectoryChain(const std::string& dir) {
   }
 }
 
-int PrintLine(FILE* fp, const char* text) {
-  const int written = fprintf(fp, "%s", text);
-  if (written <= 0) printf("zel log write error,ret[%d] \n", written);
-  return written;
-}
-
-bool RotatingFile::MustRotate(int32_t maxSize) {
+bool RotatingFile::MustRotate(int32_t maxSize, long* position) {
   PathFacts facts;
   if (!StatPath(path, facts) || !facts.regular) return true;
-  long position = expectedSize;
+  *position = expectedSize;
   const bool same = facts.identified && facts.device == device && facts.inode == inode;
   if (!same || facts.size != expectedSize) {
-    // Another file under the path, or someone else wrote to or cut ours.
-    position = ftell(fp);
+    // Another file under the path, or someone else wrote to or cut ours:
+    // the descriptor's offset is where the stream stands (after this
+    // writer's last write, or at the end as opened).
+    *position = static_cast<long>(lseek(fileno(fp), 0, SEEK_CUR));
     // Appends land at the end: after the next line the position is the size
     // as of now plus that line.
     expectedSize = same ? static_cast<long>(facts.size) : -1;
   }
-  return static_cast<int>(position) > maxSize;
+  return static_cast<int>(*position) > maxSize;
 }
 
-void RotatingFile::Flushed(int written, bool flushed) {
-  if (expectedSize < 0) return;
-  expectedSize = written > 0 && flushed ? expectedSize + written : -1;
+void RotatingFile::Advance(size_t bytes) {
+  if (expectedSize >= 0) expectedSize += static_cast<long>(bytes);
 }
+
+void RotatingFile::LostTrack() { expectedSize = -1; }
 
 void RotatingFile::RotateOut(const FileNaming& naming, int renameErrorLine,
                              char (&rotated)[kPathSize]) {
@@ -181,7 +179,8 @@ void RotatingFile::Name(char (&out)[kPathSize], const FileNaming& naming, const 
 FILE* RotatingFile::Open() {
   fp = fopen(path, "a");
   struct stat st;
-  if (fp != nullptr && fstat(fileno(fp), &st) == 0) {
+  // At the end, as an appending stream stands once opened.
+  if (fp != nullptr && lseek(fileno(fp), 0, SEEK_END) >= 0 && fstat(fileno(fp), &st) == 0) {
     device = st.st_dev;
     inode = st.st_ino;
     expectedSize = static_cast<long>(st.st_size);

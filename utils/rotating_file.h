@@ -28,11 +28,6 @@ std::string TimeTag(const struct tm& local);
 // Creates every missing directory along `dir` (mkdir 0755), stopping with
 // "mkdir error,[%s]\n" at the first failure. Paths over 255 characters are left alone.
 void MakeDirectoryChain(const std::string& dir);
-// fprintf of one line (up to its first NUL); returns fprintf's result, and
-// when that is not positive says so on standard output
-// ("zel log write error,ret[%d] \n").
-int PrintLine(FILE* fp, const char* text);
-
 // How one writer names its files: the first `dirLen` characters of `dir`,
 // then "<stem>.<timeTag>.txt" for the current file and "<stem>.<timeTag>.<n>"
 // for rotation n. Every name is cut to 255 characters.
@@ -52,13 +47,18 @@ struct FileNaming {
 struct RotatingFile {
   // The file must be moved aside: its position is past `maxSize` (read as a
   // 32-bit int, as it always was) or its path no longer names a regular file
-  // (removed or moved away). One stat of the path answers both while the
+  // (removed or moved away). One lookup of the path answers both while the
   // path names this file and its size is what this writer made it; anything
-  // else also asks the stream for its position.
-  bool MustRotate(int32_t maxSize);
-  // Tells what the writer did since the last check: printed `written` (the
-  // fprintf result) and flushed, `flushed` saying whether that worked.
-  void Flushed(int written, bool flushed);
+  // else also asks the descriptor for its position. `position` receives the
+  // position (when the path still names a regular file).
+  bool MustRotate(int32_t maxSize, long* position);
+  // The writer appends `bytes` more (written with the next write).
+  void Advance(size_t bytes);
+  // A write failed: what the file holds is no longer known.
+  void LostTrack();
+  // The file's size if only this writer wrote to it since the last check,
+  // counting what it advanced; -1 when unknown.
+  long KnownSize() const { return expectedSize; }
   // Closes the file and renames it to rotation number `index`, inside
   // naming's directory, leaving that name in `rotated`; a failed rename
   // prints "%s %d,rename error\n" with "getFile" and `renameErrorLine` and
@@ -70,7 +70,8 @@ struct RotatingFile {
   void RemoveExpired(const FileNaming& naming, uint8_t index, uint32_t keep);
   // Sets `path` to the current file's name.
   void NameCurrent(const FileNaming& naming);
-  // Opens `path` for appending; null on failure.
+  // Opens `path` for appending; null on failure. Lines are written through
+  // the descriptor (fileno), never buffered in the stream.
   FILE* Open();
   // Closes the file, if open.
   void Close();
@@ -86,7 +87,7 @@ struct RotatingFile {
 
   bool cutReported = false;
   // Which file `fp` is, and the size it has if only this writer appended to
-  // it since it was opened; -1 when unknown (a failed write or flush).
+  // it since it was opened; -1 when unknown (a failed write).
   dev_t device = 0;
   ino_t inode = 0;
   long expectedSize = -1;

@@ -11,7 +11,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "utils/local_time.h"
+#include "utils/log_line.h"
 #include "utils/log_paths.h"
 #include "utils/logger.h"
 
@@ -42,59 +42,15 @@ std::atomic<signed char> gLogLevel{3};
 // The singleton once the first line passed the filter.
 std::atomic<zel::Logger*> gLogger{nullptr};
 
-long long NowMicros() {
-  using namespace std::chrono;
-  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-}
-
-// The parts of the line prefix that change at most once a second (or when
-// the zone moves), per thread: "[M-D hh:mm:ss." and "][tid:N] ". The
-// milliseconds go in between.
-struct PrefixCache {
-  uint64_t conversion = 0;  // of the local time `head` was made from
-  char head[64] = {};
-  size_t headLen = 0;
-  char tail[64] = {};
-  size_t tailLen = 0;
-};
-thread_local PrefixCache tPrefix;
-
-// Writes "[%d-%d %02d:%02d:%02d.%03ld][tid:%s] " into `out`; returns its length.
-size_t FormatPrefix(char* out, long long micros, time_t seconds) {
-  PrefixCache& cache = tPrefix;
-  if (cache.tailLen == 0) {
-    // A C-style cast: pthread_t is an integer on Linux and a pointer on macOS.
-    const std::string tid = std::to_string((unsigned long long)pthread_self());
-    cache.tailLen =
-        static_cast<size_t>(snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
-  }
-  const zel::logdetail::LocalSecond& now = zel::logdetail::LocalTimeAt(seconds);
-  if (now.conversion != cache.conversion) {
-    const struct tm& local = now.local;
-    cache.headLen = static_cast<size_t>(
-        snprintf(cache.head, sizeof(cache.head), "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
-                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec));
-    cache.conversion = now.conversion;
-  }
-  const long millis = static_cast<long>((micros / 1000) % 1000);
-  size_t len = cache.headLen;
-  memcpy(out, cache.head, len);
-  out[len++] = static_cast<char>('0' + millis / 100);
-  out[len++] = static_cast<char>('0' + millis / 10 % 10);
-  out[len++] = static_cast<char>('0' + millis % 10);
-  memcpy(out + len, cache.tail, cache.tailLen + 1);
-  return len + cache.tailLen;
-}
-
 // Everything after the filter, kept out of log_print so that a filtered-out
 // call costs only the level test.
 __attribute__((noinline)) void FormatAndQueue(int level, int toBackends, const char* format,
                                               va_list args) {
   char line[kLineSize];
-  const long long micros = NowMicros();
+  const long long micros = zel::logdetail::NowMicros();
   // The seconds come from time(), the milliseconds from the clock read just
   // before: the two are not reconciled.
-  const size_t prefixLen = FormatPrefix(line, micros, time(nullptr));
+  const size_t prefixLen = zel::logdetail::FormatPrefix(line, micros, time(nullptr));
   // Room for the text leaves two bytes for the newline and the terminator.
   vsnprintf(line + prefixLen, kLineSize - 2 - prefixLen, format, args);
   size_t len = prefixLen + strlen(line + prefixLen);

@@ -56,12 +56,21 @@ inline void WriteFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
-// Names of the regular files directly in `dir`, sorted.
+// A log writer's staging file (lines accepted, not yet written): it lives
+// beside the log files while its writer does, and is not one of them.
+inline bool IsStagingFile(const std::string& name) {
+  const std::string suffix = ".stage";
+  return name.size() > suffix.size() &&
+         name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// Names of the regular files directly in `dir` (staging files aside), sorted.
 inline std::vector<std::string> FileNames(const std::string& dir) {
   std::vector<std::string> names;
   std::error_code ec;
   for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-    if (entry.is_regular_file()) names.push_back(entry.path().filename().string());
+    const std::string name = entry.path().filename().string();
+    if (entry.is_regular_file() && !IsStagingFile(name)) names.push_back(name);
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -285,12 +294,13 @@ class UnmountAtEnd {
   std::string dir_;
 };
 
-// Every line of every file below `base`, in the order written: directories in
-// name order, and in each the rotated files by number, then the current one.
+// Every line of every log file below `base`, in the order written:
+// directories in name order, and in each the rotated files by number, then
+// the current one.
 inline std::vector<std::string> LinesBelow(const std::string& base) {
   std::vector<std::pair<std::string, std::string>> files;  // sort key, path
   for (const auto& entry : std::filesystem::recursive_directory_iterator(base)) {
-    if (!entry.is_regular_file()) continue;
+    if (!entry.is_regular_file() || IsStagingFile(entry.path().filename().string())) continue;
     const std::string path = entry.path().string();
     const std::string suffix = path.substr(path.rfind('.') + 1);
     const std::string number =

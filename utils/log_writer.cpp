@@ -1,0 +1,424 @@
+#include "utils/log_writer.h"
+
+#include <pthread.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "utils/log_line.h"
+
+namespace zel {
+namespace logdetail {
+
+namespace {
+
+// Every writer alive, for the exit and fork handlers. Never destroyed: the
+// exit handler runs while statics are torn down.
+struct Registry {
+  std::mutex mutex;
+  std::vector<LogWriter*> writers;  // guarded by mutex
+};
+Registry& Writers() {
+  static Registry* const registry = new Registry();
+  return *registry;
+}
+
+void LockRegistry() { Writers().mutex.lock(); }
+void UnlockRegistry() { Writers().mutex.unlock(); }
+
+}  // namespace
+
+// fork() copies no thread: in the child, every writer of the parent is left
+// without its thread, and its staging file is still the parent's.
+void ForkedChild() {
+  for (LogWriter* writer : Writers().writers) writer->orphaned = true;
+  UnlockRegistry();
+}
+
+// exit(), a return from main, or the library's unloading: every writer
+// writes what it staged, all of them within kDrainLimit.
+void FinishAllAtExit() {
+  std::lock_guard<std::mutex> lock(Writers().mutex);
+  const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
+  for (LogWriter* writer : Writers().writers) {
+    if (writer->orphaned) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (!writer->Finish(std::max(left, std::chrono::milliseconds(0)))) writer->GiveUp();
+  }
+}
+
+namespace {
+
+extern "C" void FinishAllAtExitHook() { FinishAllAtExit(); }
+extern "C" void ForkedChildHook() { ForkedChild(); }
+
+// Once per process: registered with atexit from this library, the handler
+// also runs when the library is unloaded.
+void InstallProcessHooks() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::atexit(&FinishAllAtExitHook);
+    pthread_atfork(&LockRegistry, &UnlockRegistry, &ForkedChildHook);
+  });
+}
+
+// The writer's single message: it runs for the writer's whole life.
+class WriterMessage : public Message {
+ public:
+  explicit WriterMessage(std::function<void()> body) : body(std::move(body)) {}
+  void Run() override { body(); }
+
+ private:
+  std::function<void()> body;
+};
+
+// writev of everything in `iov`, going on after short writes; false when
+// some of it could not be written.
+bool WriteAll(int fd, std::vector<iovec>& iov) {
+  size_t next = 0;
+  while (next < iov.size()) {
+    const int count = static_cast<int>(std::min<size_t>(iov.size() - next, IOV_MAX));
+    const ssize_t n = writev(fd, iov.data() + next, count);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    size_t done = static_cast<size_t>(n);
+    while (next < iov.size() && done >= iov[next].iov_len) done -= iov[next++].iov_len;
+    if (next < iov.size()) {
+      iov[next].iov_base = static_cast<char*>(iov[next].iov_base) + done;
+      iov[next].iov_len -= done;
+      if (n == 0) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+// The lines of one write: runs of text that follow each other in the
+// staging ring become one piece each. Writer thread (or a finishing caller).
+class LogWriter::Batch {
+ public:
+  Batch(LogWriter& writer, bool releases) : writer(writer), releases(releases) {}
+  // The line being written is record `seq`: lines before it are in the batch.
+  void At(uint64_t seq) { current = seq; }
+  void Add(FILE* fp, const char* text, size_t length) {
+    if (fp != target) Flush();
+    target = fp;
+    if (!pieces.empty()) {
+      iovec& last = pieces.back();
+      if (static_cast<char*>(last.iov_base) + last.iov_len == text) {
+        last.iov_len += length;
+        return;
+      }
+    }
+    pieces.push_back({const_cast<char*>(text), length});
+  }
+  // Writes what the batch holds, then frees the records before the current one.
+  void Flush() { FlushUpTo(current); }
+  void FlushUpTo(uint64_t endSeq) {
+    if (!pieces.empty()) {
+      const bool toFile = target != stderr;
+      if (toFile) writer.staging->BeginWrite(endSeq, writer.FileSizeNow());
+      if (!WriteAll(fileno(target), pieces) && toFile) writer.file.LostTrack();
+      pieces.clear();
+    }
+    if (releases) {
+      std::lock_guard<std::mutex> lock(writer.mutex);
+      writer.staging->ReleaseLocked(endSeq);
+      writer.roomMade.notify_all();
+    }
+  }
+
+ private:
+  LogWriter& writer;
+  const bool releases;  // the lines are staged records (not a long line)
+  uint64_t current = 0;
+  FILE* target = nullptr;
+  std::vector<iovec> pieces;
+};
+
+LogWriter::LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, WriterRules rules,
+                     std::unique_ptr<StagingArea> staging)
+    : owner(std::move(owner)), file(file), rules(rules), staging(std::move(staging)) {
+  InstallProcessHooks();
+  std::lock_guard<std::mutex> lock(Writers().mutex);
+  Writers().writers.push_back(this);
+}
+
+LogWriter::~LogWriter() {
+  {
+    std::lock_guard<std::mutex> lock(Writers().mutex);
+    auto& writers = Writers().writers;
+    writers.erase(std::find(writers.begin(), writers.end(), this));
+  }
+  if (orphaned || abandoned) {
+    // Its thread is gone (a forked child) or stuck (given up at exit):
+    // neither waited for nor joined.
+    (void)looper.release();
+    return;
+  }
+  if (!Finish(std::chrono::duration_cast<std::chrono::milliseconds>(kDrainLimit))) {
+    // Still stuck: stop it as the loop always stopped, waiting for the write
+    // in progress. What is staged stays in the file for the next process.
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      stopping = true;
+      linesStaged.notify_one();
+    }
+    looper->Stop();
+  }
+}
+
+void LogWriter::Start(std::function<void()> first) {
+  looper = std::make_unique<Looper>();
+  looper->Start();
+  looper->PostMessageAAA(std::make_unique<WriterMessage>([this, first = std::move(first)] {
+    writerThread = std::this_thread::get_id();
+    if (first) first();
+    Run();
+  }));
+}
+
+void LogWriter::Run() {
+  std::unique_lock<std::mutex> lock(mutex);
+  for (;;) {
+    ReportDropsLocked();
+    const uint64_t tail = staging->TailLocked();
+    const uint64_t head = staging->HeadLocked();
+    if (head != tail) {
+      lock.unlock();
+      WriteRecords(tail, head);
+      lock.lock();
+      continue;
+    }
+    if (longText != nullptr) {
+      const char* text = longText;
+      const size_t length = longLength;
+      const bool toBackends = longToBackends;
+      lock.unlock();
+      Batch batch(*this, false);
+      bool checked = false;
+      WriteLine(text, length, toBackends, checked, batch);
+      batch.Flush();
+      lock.lock();
+      longText = nullptr;
+      ++longWritten;
+      roomMade.notify_all();
+      continue;
+    }
+    allWritten.notify_all();
+    if (stopping) break;
+    writerWaiting = true;
+    linesStaged.wait(lock);
+    writerWaiting = false;
+  }
+}
+
+void LogWriter::WriteRecords(uint64_t from, uint64_t to) {
+  Batch batch(*this, true);
+  bool checked = false;  // the path is looked up once a batch
+  for (uint64_t seq = from; seq < to; ++seq) {
+    batch.At(seq);
+    const StagingArea::Record record = staging->At(seq);
+    WriteLine(record.text, record.length, record.toBackends, checked, batch);
+  }
+  batch.FlushUpTo(to);
+}
+
+void LogWriter::WriteLine(const char* text, size_t length, bool toBackends, bool& checked,
+                          Batch& batch) {
+  FILE* fp = owner->FileMode() ? FileForLine(checked, &batch) : stderr;
+  if (fp == nullptr) {
+    printf("%s %d: fp is null \n", "operator()", rules.fpNullLine);
+    return;
+  }
+  if (toBackends && owner->HasSinks()) {
+    // A sink may look at the file: the lines before this one are on it.
+    batch.Flush();
+    owner->ToSinks(text, length);
+  }
+  // The file gets the text up to its first NUL, as "%s" would print it.
+  const size_t bytes = strnlen(text, length);
+  if (bytes == 0) {
+    printf("zel log write error,ret[%d] \n", 0);
+    owner->UpdateLogDir();  // a removed directory comes back
+    return;
+  }
+  batch.Add(fp, text, bytes);
+  if (fp == stderr) return;
+  file.Advance(bytes);
+  position = file.KnownSize() >= 0 ? file.KnownSize() : position + static_cast<long>(bytes);
+}
+
+FILE* LogWriter::CurrentFile() {
+  bool checked = false;
+  return FileForLine(checked, nullptr);
+}
+
+FILE* LogWriter::FileForLine(bool& checked, Batch* batch) {
+  if (file.fp != nullptr) {
+    bool rotate = false;
+    if (!checked) {
+      rotate = file.MustRotate(rules.maxFileSize, &position);
+      checked = true;
+    } else {
+      // Read as a 32-bit int, as the stream position always was.
+      rotate = static_cast<int>(position) > rules.maxFileSize;
+    }
+    if (!rotate && !owner->DateChanged()) return file.fp;
+    if (batch != nullptr) batch->Flush();  // the lines before this one go to the old file
+    char rotated[kPathSize];
+    file.RotateOut(owner->Naming(), rules.renameErrorLine, rotated);
+    owner->Rotated(file.path, rotated);
+    file.RemoveExpired(owner->Naming(), file.index, rules.maxFileCount);
+  }
+  owner->UpdateLogDir();
+  file.NameCurrent(owner->Naming());
+  owner->Opening(file.path);
+  FILE* fp = file.Open();
+  staging->SetTarget(fp != nullptr ? file.path : "");
+  position = file.KnownSize() >= 0 ? file.KnownSize() : 0;
+  checked = true;
+  return fp;
+}
+
+long LogWriter::FileSizeNow() const {
+  if (file.KnownSize() >= 0) return file.KnownSize();
+  const off_t end = lseek(fileno(file.fp), 0, SEEK_END);
+  return end < 0 ? 0 : static_cast<long>(end);
+}
+
+int LogWriter::Append(const char* text, size_t length, bool toBackends) {
+  if (orphaned.load(std::memory_order_relaxed)) return 0;
+  std::unique_lock<std::mutex> lock(mutex);
+  if (!staging->Fits(length)) return AppendLongLine(lock, text, length, toBackends);
+  if (OnWriterThread()) {
+    // A sink that logs: the writer cannot wait for itself.
+    if (longText != nullptr || !staging->HasRoomLocked(length)) {
+      ++dropped;
+      return 0;
+    }
+  } else {
+    while (longText != nullptr || !staging->HasRoomLocked(length)) {
+      if (finished) {
+        WriteStagedHere(lock);
+        continue;
+      }
+      roomMade.wait(lock);
+    }
+  }
+  staging->AppendLocked(text, length, toBackends);
+  if (finished) {
+    WriteStagedHere(lock);
+    return 0;
+  }
+  const bool wake = writerWaiting;
+  writerWaiting = false;
+  lock.unlock();
+  if (wake) linesStaged.notify_one();
+  return 0;
+}
+
+int LogWriter::AppendLongLine(std::unique_lock<std::mutex>& lock, const char* text, size_t length,
+                              bool toBackends) {
+  if (OnWriterThread()) {
+    ++dropped;
+    return 0;
+  }
+  if (finished) {
+    WriteStagedHere(lock);
+    std::lock_guard<std::mutex> here(writeHere);
+    lock.unlock();
+    Batch batch(*this, false);
+    bool checked = false;
+    WriteLine(text, length, toBackends, checked, batch);
+    batch.Flush();
+    return 0;
+  }
+  // In order: after everything staged before it, before anything after it.
+  roomMade.wait(lock, [this] {
+    return longText == nullptr && staging->HeadLocked() == staging->TailLocked();
+  });
+  longText = text;
+  longLength = length;
+  longToBackends = toBackends;
+  const uint64_t ticket = longWritten + 1;
+  if (writerWaiting) {
+    writerWaiting = false;
+    linesStaged.notify_one();
+  }
+  roomMade.wait(lock, [this, ticket] { return longWritten >= ticket; });
+  return 0;
+}
+
+void LogWriter::WriteStagedHere(std::unique_lock<std::mutex>& lock) {
+  const uint64_t tail = staging->TailLocked();
+  const uint64_t head = staging->HeadLocked();
+  if (tail == head) return;
+  lock.unlock();
+  {
+    std::lock_guard<std::mutex> here(writeHere);
+    WriteRecords(tail, head);
+  }
+  lock.lock();
+}
+
+void LogWriter::ReportDropsLocked() {
+  if (dropped == 0) return;
+  const std::string line =
+      LineNow("zel log: " + std::to_string(dropped) +
+              " lines logged on the log's own writer thread found no room and were dropped\n");
+  if (!staging->Fits(line.size()) || !staging->HasRoomLocked(line.size())) return;
+  staging->AppendLocked(line.data(), line.size(), false);
+  dropped = 0;
+}
+
+bool LogWriter::Finish(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mutex);
+  if (finished) return true;
+  if (!looper) {
+    finished = true;
+    return true;
+  }
+  linesStaged.notify_one();
+  const bool drained = allWritten.wait_for(lock, limit, [this] {
+    return staging->HeadLocked() == staging->TailLocked() && longText == nullptr;
+  });
+  if (!drained) return false;
+  stopping = true;
+  linesStaged.notify_one();
+  lock.unlock();
+  looper->Stop();  // the writer leaves once nothing is staged
+  lock.lock();
+  finished = true;
+  writerThread = std::thread::id();
+  WriteStagedHere(lock);  // what came after the writer's last look
+  staging->RemoveFile();  // a clean end: nothing is left to recover
+  return true;
+}
+
+void LogWriter::GiveUp() {
+  abandoned = true;
+  std::lock_guard<std::mutex> lock(mutex);
+  const unsigned long long left = staging->HeadLocked() - staging->TailLocked();
+  if (staging->FileBacked()) {
+    printf("zel log: gave up waiting %lld s for the disk; %llu lines stay staged in %s\n",
+           static_cast<long long>(kDrainLimit.count()), left, staging->Path().c_str());
+  } else {
+    printf("zel log: gave up waiting %lld s for the disk; %llu lines are lost\n",
+           static_cast<long long>(kDrainLimit.count()), left);
+  }
+  fflush(stdout);
+}
+
+}  // namespace logdetail
+}  // namespace zel

@@ -1,0 +1,176 @@
+// The writer behind both loggers (the process log and every LoggerFile):
+// callers stage lines, one writer thread (the owner's loop thread) writes
+// them. Internal; not installed.
+//
+// What it guarantees, on top of the owner's file rules:
+//  - a staged line survives the process's death by any signal (StagingArea),
+//    and is written by the next process that starts a log in that folder
+//    (log_recovery.h);
+//  - lines staged before exit(), a return from main or the library's
+//    unloading are written before the process ends; a writer that does not
+//    get through within kDrainLimit is given up, with a line on stdout;
+//  - the backlog is bounded: a caller waits for room, the writer thread
+//    itself (a sink that logs) never waits: what it cannot stage is counted
+//    and reported as one line once there is room;
+//  - the writer takes every staged line at once and writes them with one
+//    write and one path check, cut exactly where the per-line rules would
+//    rotate, so the files are those of a writer that wrote line by line and
+//    kept up. A lone line is written as soon as the writer wakes.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "utils/looper.h"
+#include "utils/rotating_file.h"
+#include "utils/staging_area.h"
+
+namespace zel {
+namespace logdetail {
+
+// How long the end of a writer (exit, unloading, destruction) waits for its
+// lines to reach the disk.
+constexpr auto kDrainLimit = std::chrono::seconds(5);
+
+// What the process log and a named log do differently. Writer thread only
+// (and the owner's own calls of getFile).
+class WriterOwner {
+ public:
+  virtual ~WriterOwner() = default;
+  // False while the owner sets itself up: lines then go to standard error.
+  virtual bool FileMode() = 0;
+  virtual void UpdateLogDir() = 0;
+  virtual FileNaming Naming() = 0;
+  // Whether the date changed since the current file was named (named logs
+  // never rotate by date).
+  virtual bool DateChanged() = 0;
+  // Status lines around a rotation and an opening (named logs print some).
+  virtual void Rotated(const char* from, const char* to) = 0;
+  virtual void Opening(const char* path) = 0;
+  // Whether sinks are attached, and the line to them (the process log's only).
+  virtual bool HasSinks() = 0;
+  virtual void ToSinks(const char* text, size_t length) = 0;
+};
+
+// The owner's fixed rules.
+struct WriterRules {
+  int renameErrorLine;  // printed by a failed rename ("getFile %d,rename error")
+  int fpNullLine;       // printed for a line that finds no file ("operator() %d: fp is null")
+  int32_t maxFileSize;
+  uint32_t maxFileCount;
+};
+
+class LogWriter {
+ public:
+  // A writer for `owner`'s lines into `file`, staging them in `staging`. The
+  // owner, the file and the writer must outlive... each other: the owner owns
+  // the writer. Starts no thread.
+  LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, WriterRules rules,
+            std::unique_ptr<StagingArea> staging);
+  // Writes what is staged (giving up after kDrainLimit, with a line on
+  // stdout), stops the writer thread, and removes the staging file once
+  // everything is on disk. In a forked child, touches nothing of the parent's.
+  ~LogWriter();
+  LogWriter(const LogWriter&) = delete;
+  LogWriter& operator=(const LogWriter&) = delete;
+
+  // Starts the writer thread (a Looper's); `first` runs there before any
+  // line (recovery of dead processes' lines).
+  void Start(std::function<void()> first);
+
+  // Stages one line; any thread. 0, or -1 once the writer was stopped. Waits
+  // for room while the staging area is full, except on the writer thread,
+  // which counts the line as dropped instead. A line longer than the whole
+  // staging area waits until everything before it is written and the writer
+  // has written it. In a forked child (no writer thread there) the line is
+  // accepted and goes nowhere, as it always did.
+  int Append(const char* text, size_t length, bool toBackends);
+
+  // The file the next line goes to, rotated or (re)opened as the owner's
+  // rules say (the owner's getFile). Writer thread only.
+  FILE* CurrentFile();
+
+  // Waits until everything staged is written, for at most `limit`; then stops
+  // the writer thread. Later lines are written by the thread that logs them.
+  // False when the writer did not get through (it is left running).
+  bool Finish(std::chrono::milliseconds limit);
+
+ private:
+  class Batch;
+
+  // The writer thread's loop: waits for lines, writes them, until stopped.
+  void Run();
+  // Writes records [from, to), freeing them as they reach the disk. The
+  // writer thread, or a caller once the writer is finished.
+  void WriteRecords(uint64_t from, uint64_t to);
+  // One line through the owner's rules into `batch`.
+  void WriteLine(const char* text, size_t length, bool toBackends, bool& checked, Batch& batch);
+  // The file for the next line. The path is looked up for the first line of
+  // a batch only (`checked` false); later lines go by what this writer wrote.
+  // Flushes `batch` (if any) before a rotation.
+  FILE* FileForLine(bool& checked, Batch* batch);
+  // The current file's size before a write, for recovery to tell what of
+  // the write reached it.
+  long FileSizeNow() const;
+  int AppendLongLine(std::unique_lock<std::mutex>& lock, const char* text, size_t length,
+                     bool toBackends);
+  // Writes what is staged on the calling thread (once the writer finished).
+  void WriteStagedHere(std::unique_lock<std::mutex>& lock);
+  // Stages the line reporting what the writer thread dropped, once it fits.
+  void ReportDropsLocked();
+  // Says on stdout that the writer did not finish in time; its thread is
+  // then neither waited for nor joined.
+  void GiveUp();
+  bool OnWriterThread() const { return writerThread.load() == std::this_thread::get_id(); }
+
+  const std::unique_ptr<WriterOwner> owner;
+  RotatingFile& file;  // writer thread only (or a finishing caller, under writeHere)
+  const WriterRules rules;
+  // Its ring is guarded by mutex; the records the writer took, and the
+  // fields only the writer writes, are the writer's.
+  const std::unique_ptr<StagingArea> staging;
+
+  std::mutex mutex;
+  std::condition_variable linesStaged;  // the writer waits here for lines
+  std::condition_variable roomMade;     // callers wait here for room, or their long line
+  std::condition_variable allWritten;   // Finish waits here
+  bool writerWaiting = false;           // guarded by mutex
+  bool stopping = false;                // guarded by mutex: the writer thread leaves when empty
+  bool finished = false;                // guarded by mutex: callers write their own lines
+  // A line too long to stage, handed to the writer, and how many such lines
+  // were written. Guarded by mutex.
+  const char* longText = nullptr;
+  size_t longLength = 0;
+  bool longToBackends = false;
+  uint64_t longWritten = 0;
+  // Lines of the writer thread itself that found no room. Guarded by mutex.
+  unsigned long long dropped = 0;
+  // The current file's stream position as a line-by-line writer would read
+  // it before the next line. Writer thread only.
+  long position = 0;
+  // Atomic: read unlocked.
+  std::atomic<std::thread::id> writerThread{};
+  // Set in a forked child, where the parent's writer thread does not exist
+  // and its staging file is not the child's. Atomic: read unlocked.
+  std::atomic<bool> orphaned{false};
+  // Given up at exit: the thread is stuck and must not be joined. Atomic.
+  std::atomic<bool> abandoned{false};
+  // Serialises callers that write their own lines once the writer finished.
+  std::mutex writeHere;
+  // The writer thread. Made by Start; stopped by Finish or the destructor.
+  std::unique_ptr<Looper> looper;
+
+  friend void ForkedChild();
+  friend void FinishAllAtExit();
+};
+
+}  // namespace logdetail
+}  // namespace zel
