@@ -11,12 +11,18 @@
 
 namespace {
 
-// Lines in every file of `dir` (the writer threads get there shortly).
+// A log file proper: "<...>.txt" (the writer keeps other files of its own
+// beside them).
+bool IsLogFile(const std::filesystem::directory_entry& entry) {
+  return entry.is_regular_file() && entry.path().extension() == ".txt";
+}
+
+// Lines in every log file below `dir` (the writer threads get there shortly).
 int CountLines(const std::string& dir) {
   int lines = 0;
   std::error_code ec;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(dir, ec)) {
-    if (!entry.is_regular_file()) continue;
+    if (!IsLogFile(entry)) continue;
     std::ifstream in(entry.path());
     for (std::string line; std::getline(in, line);) ++lines;
   }
@@ -52,6 +58,7 @@ void demo::Logging() {
   zel_get_log_path(dir, sizeof(dir));
   Say("  the log's writer thread put them in %s", dir);
   for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (!IsLogFile(entry)) continue;
     Say("  file %s:", entry.path().filename().c_str());
     std::ifstream in(entry.path());
     for (std::string line; std::getline(in, line);) Say("    %s", line.c_str());
@@ -63,6 +70,7 @@ void demo::Logging() {
   file.Log("a line of the scanner's own log\n");
   WaitForLines(named, 1);
   for (const auto& entry : std::filesystem::directory_iterator(named)) {
+    if (!IsLogFile(entry)) continue;
     Say("  a LoggerFile named \"scanner\" wrote %s", entry.path().c_str());
   }
 }
