@@ -110,9 +110,11 @@ class LogWriter::Batch {
   Batch(LogWriter& writer, bool releases) : writer(writer), releases(releases) {}
   // The line being written is record `seq`: lines before it are in the batch.
   void At(uint64_t seq) { current = seq; }
+  // Before the writer counts the line's bytes in the file's size.
   void Add(FILE* fp, const char* text, size_t length) {
     if (fp != target) Flush();
     target = fp;
+    if (pieces.empty() && fp != stderr) sizeBefore = writer.FileSizeNow();
     if (!pieces.empty()) {
       iovec& last = pieces.back();
       if (static_cast<char*>(last.iov_base) + last.iov_len == text) {
@@ -127,7 +129,7 @@ class LogWriter::Batch {
   void FlushUpTo(uint64_t endSeq) {
     if (!pieces.empty()) {
       const bool toFile = target != stderr;
-      if (toFile) writer.staging->BeginWrite(endSeq, writer.FileSizeNow());
+      if (toFile) writer.staging->BeginWrite(endSeq, static_cast<uint64_t>(sizeBefore));
       if (!WriteAll(fileno(target), pieces) && toFile) writer.file.LostTrack();
       pieces.clear();
     }
@@ -144,6 +146,7 @@ class LogWriter::Batch {
   uint64_t current = 0;
   FILE* target = nullptr;
   std::vector<iovec> pieces;
+  long sizeBefore = 0;  // the target's size before the first piece
 };
 
 LogWriter::LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, WriterRules rules,
@@ -179,6 +182,9 @@ LogWriter::~LogWriter() {
 }
 
 void LogWriter::Start(std::function<void()> first) {
+  // Known from the start: a process that dies before its first write still
+  // leaves the name of the file its lines are for.
+  NamingChanged();
   looper = std::make_unique<Looper>();
   looper->Start();
   looper->PostMessageAAA(std::make_unique<WriterMessage>([this, first = std::move(first)] {
@@ -186,6 +192,10 @@ void LogWriter::Start(std::function<void()> first) {
     if (first) first();
     Run();
   }));
+}
+
+void LogWriter::NamingChanged() {
+  if (file.fp == nullptr) staging->SetTarget(CurrentFileName(owner->Naming()).c_str());
 }
 
 void LogWriter::Run() {
@@ -285,7 +295,7 @@ FILE* LogWriter::FileForLine(bool& checked, Batch* batch) {
   file.NameCurrent(owner->Naming());
   owner->Opening(file.path);
   FILE* fp = file.Open();
-  staging->SetTarget(fp != nullptr ? file.path : "");
+  staging->SetTarget(file.path);
   position = file.KnownSize() >= 0 ? file.KnownSize() : 0;
   checked = true;
   return fp;

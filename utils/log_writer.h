@@ -83,8 +83,12 @@ class LogWriter {
   LogWriter& operator=(const LogWriter&) = delete;
 
   // Starts the writer thread (a Looper's); `first` runs there before any
-  // line (recovery of dead processes' lines).
+  // line (recovery of dead processes' lines). Before the thread, while the
+  // owner is set up.
   void Start(std::function<void()> first);
+  // The owner's names changed before its first line (a named log's SetName):
+  // the file the staged lines are for is named again. Owner only.
+  void NamingChanged();
 
   // Stages one line; any thread. 0, or -1 once the writer was stopped. Waits
   // for room while the staging area is full, except on the writer thread,

@@ -89,7 +89,10 @@ int LoggerFile::Log(const std::string& msg, int level, bool toBackends) {
   return mWriter->Append(msg.data(), msg.size(), false);
 }
 
-void LoggerFile::SetName(const std::string& name) { mName = name; }
+void LoggerFile::SetName(const std::string& name) {
+  mName = name;
+  mWriter->NamingChanged();
+}
 
 std::string LoggerFile::getPrefix() { return mDir; }
 

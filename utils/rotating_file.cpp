@@ -165,6 +165,13 @@ void RotatingFile::RemoveExpired(const FileNaming& naming, uint8_t index, uint32
   if (remove(name) != 0) printf("delete file: %s failed\n", name);
 }
 
+std::string CurrentFileName(const FileNaming& naming) {
+  char name[kPathSize];
+  FormatName(name, naming, "txt");
+  name[kPathSize - 1] = '\0';
+  return name;
+}
+
 void RotatingFile::NameCurrent(const FileNaming& naming) {
   Name(path, naming, "txt");
   path[kPathSize - 1] = '\0';

@@ -38,6 +38,10 @@ struct FileNaming {
   const std::string& timeTag;
 };
 
+// The current file's name of `naming` (cut to 255 characters), as
+// RotatingFile::NameCurrent makes it, without reporting a cut.
+std::string CurrentFileName(const FileNaming& naming);
+
 // The open file of one writer, its path and the number its next rotation
 // gets (0 at first, +1 per rotation, wrapping at 256, never reset).
 // Writer thread only. Names cut to 255 characters may coincide: it never

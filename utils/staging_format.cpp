@@ -62,6 +62,7 @@ bool Parse(const unsigned char* bytes, size_t size, Contents* out) {
   out->process = Text(h.process, sizeof(h.process), true);
   out->target = Text(h.target, sizeof(h.target), false);
   out->writingFromSize = h.writingFromSize;
+  out->headSeq = h.headSeq;
   const bool writing = h.writingEndSeq > h.tailSeq && h.writingEndSeq <= h.headSeq;
   std::string text;
   for (uint64_t seq = h.tailSeq; seq < h.headSeq; ++seq) {

@@ -79,6 +79,7 @@ struct Contents {
   // target's size before it (see Header).
   size_t writingLines = 0;
   uint64_t writingFromSize = 0;
+  uint64_t headSeq = 0;  // as the header has it
 };
 
 // Reads a staging file's bytes. False when they are not one (magic,

@@ -1,0 +1,65 @@
+// Helper for the tests of what survives the end of a process: logs numbered
+// lines through log_print, then ends at once in the way asked for.
+//
+//   log_end_child <base/> <lines> exit     exit(1) right after the last line
+//   log_end_child <base/> <lines> return   returns from main
+//   log_end_child <base/> <lines> abort    abort()
+//   log_end_child <base/> <lines> segv     a fault (a write through a null pointer)
+//   log_end_child <base/> <lines> kill     SIGKILL, as a watchdog would send it
+//   log_end_child <base/> <lines> stuck    exit(0) while a sink holds the writer for ever
+//
+// Line i reads "[prefix] line NNNNN of <pid>". Exit status 2 on bad use.
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "utils/logger.h"
+#include "utils/zel_log.h"
+
+namespace {
+
+// A sink that never returns: the writer thread stops at the first line it gets.
+class StuckSink : public zel::LogBackend {
+ public:
+  int Log(const std::string&) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait(lock, [] { return false; });
+    return 0;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) return 2;
+  const std::string how = argv[3];
+  const int lines = std::atoi(argv[2]);
+  // No core files from the deaths asked for.
+  const rlimit noCore{0, 0};
+  setrlimit(RLIMIT_CORE, &noCore);
+  zel_set_log_path(argv[1]);
+  if (how == "stuck") zel::Logger::GetInstance()->AddBackend(new StuckSink());
+  for (int i = 0; i < lines; ++i) {
+    log_print(3, how == "stuck" ? 1 : 0, "line %05d of %d", i, static_cast<int>(getpid()));
+  }
+  if (how == "exit") exit(1);
+  if (how == "return") return 0;
+  if (how == "abort") abort();
+  if (how == "segv") {
+    volatile int* volatile nowhere = nullptr;  // volatile both: a real store through it
+    *nowhere = 0;
+  }
+  if (how == "kill") raise(SIGKILL);
+  if (how == "stuck") exit(0);
+  return 2;
+}

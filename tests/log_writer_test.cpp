@@ -1,0 +1,347 @@
+// The writer behind both loggers: what survives the end of a process (exit,
+// return, abort, a fault, SIGKILL, a stuck disk, a fork), the bounded
+// staging area, and the rotation rules a batch must keep.
+#include "utils/log_writer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/log_files.h"
+#include "utils/logger.h"
+#include "utils/logger_file.h"
+#include "utils/zel_log.h"
+
+namespace {
+
+using zeltest::FileNames;
+using zeltest::ReadFile;
+
+// How a run of the helper ended, and what it printed.
+struct Ending {
+  int status = -1;
+  std::string out;
+  pid_t pid = -1;
+};
+
+// Runs log_end_child on `base`: `lines` numbered lines, then the end `how`.
+Ending RunEndChild(const std::string& base, int lines, const std::string& how) {
+  Ending ending;
+  int fds[2];
+  if (pipe(fds) != 0) return ending;
+  fflush(nullptr);
+  ending.pid = fork();
+  if (ending.pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[0]);
+    close(fds[1]);
+    // The deaths asked for are no leaks; the sanitizers' exit reports would
+    // judge them so.
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+    const std::string count = std::to_string(lines);
+    execl(ZEL_END_CHILD, ZEL_END_CHILD, base.c_str(), count.c_str(), how.c_str(), nullptr);
+    _exit(127);
+  }
+  close(fds[1]);
+  char buffer[4096];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) ending.out.append(buffer, n);
+  close(fds[0]);
+  waitpid(ending.pid, &ending.status, 0);
+  return ending;
+}
+
+// The numbers of the lines process `pid` logged, in the order they are in
+// the files below `base`.
+std::vector<int> NumbersOf(const std::string& base, pid_t pid) {
+  const std::regex line(".*\\] line (\\d{5}) of " + std::to_string(pid));
+  std::vector<int> numbers;
+  std::smatch match;
+  for (const std::string& text : zeltest::LinesBelow(base)) {
+    if (std::regex_match(text, match, line)) numbers.push_back(std::stoi(match[1]));
+  }
+  return numbers;
+}
+
+// Whether `numbers` is 0..count-1; if not, says where it first goes wrong.
+::testing::AssertionResult EachOnceInOrder(const std::vector<int>& numbers, int count) {
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    if (numbers[i] != static_cast<int>(i)) {
+      return ::testing::AssertionFailure()
+             << "line " << i << " is number " << numbers[i] << " (" << numbers.size() << " lines)";
+    }
+  }
+  if (numbers.size() != static_cast<size_t>(count)) {
+    return ::testing::AssertionFailure() << numbers.size() << " lines of " << count;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// The lines below `base` that report a recovery.
+std::vector<std::string> RecoveryLines(const std::string& base) {
+  std::vector<std::string> found;
+  for (const std::string& text : zeltest::LinesBelow(base)) {
+    if (text.find("] zel log: recovered ") != std::string::npos) found.push_back(text);
+  }
+  return found;
+}
+
+// Staging files anywhere below `base`.
+std::vector<std::string> StagingFilesBelow(const std::string& base) {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(base)) {
+    if (zeltest::IsStagingFile(entry.path().filename().string())) found.push_back(entry.path());
+  }
+  return found;
+}
+
+constexpr int kRuns = 10;
+
+// ---- lines accepted before the process ends are in its file ----
+
+class ProcessEnd : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ProcessEnd, EveryLineIsInItsFileAndNoStagingFileIsLeft) {
+  for (int run = 0; run < kRuns; ++run) {
+    zeltest::TempDir base;
+    const Ending ending = RunEndChild(base.path(), 200, GetParam());
+    ASSERT_TRUE(WIFEXITED(ending.status)) << ending.status;
+    EXPECT_TRUE(EachOnceInOrder(NumbersOf(base.path(), ending.pid), 200)) << "run " << run;
+    EXPECT_TRUE(StagingFilesBelow(base.path()).empty());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(ExitOrReturn, ProcessEnd, ::testing::Values("exit", "return"));
+
+// ---- lines of a process that died are written by the next one ----
+
+class ProcessDeath : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ProcessDeath, TheNextProcessWritesEveryLineOnceInOrderAndSaysSo) {
+  zeltest::TempDir base;
+  std::vector<pid_t> dead;
+  for (int run = 0; run < kRuns; ++run) {
+    // Each run's process also recovers what the one before it left.
+    const Ending ending = RunEndChild(base.path(), 2000, GetParam());
+    ASSERT_TRUE(WIFSIGNALED(ending.status) || WIFEXITED(ending.status)) << ending.status;
+    ASSERT_FALSE(WIFEXITED(ending.status) && WEXITSTATUS(ending.status) == 0);
+    dead.push_back(ending.pid);
+  }
+  // This process starts the log in the same base: the last one is recovered.
+  zel_set_log_path(base.path().c_str());
+  zel::Logger::GetInstance();
+  EXPECT_TRUE(zeltest::WaitFor([&] { return StagingFilesBelow(base.path()).size() == 1; }))
+      << "only this process's own staging file is left";
+  for (pid_t pid : dead) EXPECT_TRUE(EachOnceInOrder(NumbersOf(base.path(), pid), 2000)) << pid;
+  const std::vector<std::string> reports = RecoveryLines(base.path());
+  EXPECT_FALSE(reports.empty());
+  const std::regex report(
+      R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d{3}\]\[tid:\d+\] zel log: recovered \d+ lines that )"
+      R"(log_end_child \(pid \d+\) had not written when it ended)");
+  for (const std::string& line : reports) EXPECT_TRUE(std::regex_match(line, report)) << line;
+}
+
+INSTANTIATE_TEST_SUITE_P(AbortFaultOrKill, ProcessDeath,
+                         ::testing::Values("abort", "segv", "kill"));
+
+TEST(ProcessStuck, ExitGivesUpAfterFiveSecondsSaysSoAndTheLinesAreRecovered) {
+  zeltest::TempDir base;
+  const auto start = std::chrono::steady_clock::now();
+  const Ending ending = RunEndChild(base.path(), 5, "stuck");
+  const auto took = std::chrono::steady_clock::now() - start;
+  ASSERT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(0, WEXITSTATUS(ending.status));
+  EXPECT_GE(took, std::chrono::seconds(5));
+  EXPECT_LT(took, std::chrono::seconds(30));
+  EXPECT_NE(std::string::npos, ending.out.find("zel log: gave up waiting 5 s for the disk; 5 lines "
+                                               "stay staged in "))
+      << ending.out;
+  zel_set_log_path(base.path().c_str());
+  zel::Logger::GetInstance();
+  ASSERT_TRUE(zeltest::WaitFor([&] { return RecoveryLines(base.path()).size() == 1; }));
+  EXPECT_EQ(zeltest::Sequence(5), NumbersOf(base.path(), ending.pid));
+}
+
+// ---- a forked child ----
+
+TEST(ForkedChild, LoggingBeforeExecLeavesTheParentsStagingAndLinesAlone) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  for (int i = 0; i < 100; ++i) log_print(3, 0, "line %05d of %d", i, static_cast<int>(getpid()));
+  const pid_t child = fork();
+  if (child == 0) {
+    for (int i = 0; i < 1000; ++i) log_print(3, 0, "child line %05d", i);
+    exit(0);  // runs the exit handlers: they must leave the parent's writer alone
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  for (int i = 100; i < 200; ++i) log_print(3, 0, "line %05d of %d", i, static_cast<int>(getpid()));
+  ASSERT_TRUE(zeltest::WaitFor([&] { return NumbersOf(base.path(), getpid()).size() == 200; }));
+  EXPECT_EQ(zeltest::Sequence(200), NumbersOf(base.path(), getpid()));
+  for (const std::string& line : zeltest::LinesBelow(base.path())) {
+    EXPECT_EQ(std::string::npos, line.find("child line")) << line;
+  }
+  EXPECT_EQ(1u, StagingFilesBelow(base.path()).size());  // still the parent's
+}
+
+// ---- the staging area ----
+
+TEST(StagingFile, LivesBesideTheLogUnderANameNoLogFileHasAndGoesWithItsWriter) {
+  zeltest::TempDir dir;
+  {
+    zel::LoggerFile file(dir.path());
+    file.Log("one\n");
+    const std::vector<std::string> staged = StagingFilesBelow(dir.path());
+    ASSERT_EQ(1u, staged.size());
+    const std::string name = std::filesystem::path(staged[0]).filename();
+    EXPECT_NE(0u, name.rfind("zel.log.", 0));
+    EXPECT_EQ(".stage", name.substr(name.size() - 6));
+  }
+  EXPECT_TRUE(StagingFilesBelow(dir.path()).empty());
+  ASSERT_EQ(1u, FileNames(dir.path()).size());
+  EXPECT_EQ("one\n", ReadFile(dir.path() + FileNames(dir.path())[0]));
+}
+
+TEST(StagingFile, WhereNoneCanBeMadeTheLogStagesInMemoryAndWritesAsBefore) {
+  zeltest::TempDir dir;
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit saved;
+  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+  rlimit small = saved;
+  small.rlim_cur = 64 * 1024;  // less than a staging file, enough for the log
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+  {
+    zel::LoggerFile file(dir.path());
+    EXPECT_TRUE(StagingFilesBelow(dir.path()).empty());
+    for (int i = 0; i < 10; ++i) file.Log(zeltest::NumberedLine(i, 100));
+    ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 10; }));
+  }
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+  EXPECT_EQ(zeltest::Sequence(10), zeltest::LineNumbers(zeltest::LinesBelow(dir.path())));
+}
+
+TEST(StagingFile, ALineLongerThanTheWholeAreaIsWrittenWholeAndInOrder) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  const std::string big = std::string(3 * 1024 * 1024, 'B') + "\n";  // the area holds 2 MiB
+  logger->Log("before\n");
+  logger->Log(big);  // returns once written
+  logger->Log("after\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const auto lines = zeltest::LinesBelow(base.path());
+    return !lines.empty() && lines.back() == "after";
+  }));
+  const std::vector<std::string> expected{"before", big.substr(0, big.size() - 1), "after"};
+  EXPECT_EQ(expected, zeltest::LinesBelow(base.path()));
+}
+
+TEST(StagingFile, ANamedLogsLineLongerThanItsAreaIsWrittenWholeAndInOrder) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  const std::string big = std::string(300 * 1024, 'B') + "\n";  // the area holds 256 KiB
+  file.Log("before\n");
+  file.Log(big);
+  file.Log("after\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    const auto lines = zeltest::LinesBelow(dir.path());
+    return !lines.empty() && lines.back() == "after";
+  }));
+  const std::vector<std::string> expected{"before", big.substr(0, big.size() - 1), "after"};
+  EXPECT_EQ(expected, zeltest::LinesBelow(dir.path()));
+}
+
+// On the writer's own thread: logs `count` lines the first time it sees a
+// line, more than the staging area holds.
+class FloodingSink : public zel::LogBackend {
+ public:
+  FloodingSink(zel::Logger* logger, int count) : logger_(logger), count_(count) {}
+  int Log(const std::string&) override {
+    if (done_.exchange(true)) return 0;
+    for (int i = 0; i < count_; ++i) logger_->Log("sink " + std::to_string(i) + "\n");
+    return 0;
+  }
+
+ private:
+  zel::Logger* logger_;
+  const int count_;
+  std::atomic<bool> done_{false};
+};
+
+TEST(StagingFile, ASinkThatLogsMoreThanFitsNeverWaitsAndTheRestIsReportedAsOneLine) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  constexpr int kSinkLines = 40000;  // the area holds 32,768 lines
+  FloodingSink sink(logger, kSinkLines);
+  logger->AddBackend(&sink);
+  logger->Log("trigger\n", 3, true);
+  const std::regex report(R"(.*\] zel log: (\d+) lines logged on the log's own writer thread )"
+                          R"(found no room and were dropped)");
+  std::smatch match;
+  int reported = -1;
+  ASSERT_TRUE(zeltest::WaitFor([&] {
+    for (const std::string& line : zeltest::LinesBelow(base.path())) {
+      if (std::regex_match(line, match, report)) reported = std::stoi(match[1]);
+    }
+    return reported >= 0;
+  }));
+  logger->RemoveBackend(&sink);
+  int written = 0;
+  for (const std::string& line : zeltest::LinesBelow(base.path())) {
+    if (line.rfind("sink ", 0) == 0) ++written;
+  }
+  EXPECT_GT(reported, 0);
+  EXPECT_EQ(kSinkLines, written + reported);  // every line written or counted
+}
+
+// ---- rotation rules a batch keeps ----
+
+TEST(WriterChecks, AFolderMovedInUnderTheCurrentNameMakesTheWriterRotate) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == 1; }));
+  const std::string current = dir.path() + FileNames(dir.path())[0];
+  ASSERT_TRUE(zeltest::WaitForText(current, "one\n"));
+  ASSERT_EQ(0, unlink(current.c_str()));
+  ASSERT_EQ(0, mkdir(current.c_str(), 0755));
+  file.Log("two\n");
+  // The folder was moved aside as rotation 0, and a new current file made.
+  const std::string stem = current.substr(0, current.size() - 3);
+  ASSERT_TRUE(zeltest::WaitFor([&] { return std::filesystem::is_regular_file(current); }));
+  ASSERT_TRUE(zeltest::WaitForText(current, "two\n"));
+  EXPECT_TRUE(std::filesystem::is_directory(stem + "0"));
+}
+
+TEST(WriterChecks, AFifoMovedInUnderTheCurrentNameMakesTheWriterRotate) {
+  zeltest::TempDir dir;
+  zel::LoggerFile file(dir.path());
+  file.Log("one\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == 1; }));
+  const std::string current = dir.path() + FileNames(dir.path())[0];
+  ASSERT_TRUE(zeltest::WaitForText(current, "one\n"));
+  ASSERT_EQ(0, unlink(current.c_str()));
+  ASSERT_EQ(0, mkfifo(current.c_str(), 0644));
+  file.Log("two\n");
+  const std::string stem = current.substr(0, current.size() - 3);
+  // Reading the FIFO would wait for a writer: look at what it is first.
+  ASSERT_TRUE(zeltest::WaitFor([&] { return std::filesystem::is_regular_file(current); }));
+  ASSERT_TRUE(zeltest::WaitForText(current, "two\n"));
+  EXPECT_TRUE(std::filesystem::is_fifo(stem + "0"));
+}
+
+}  // namespace
