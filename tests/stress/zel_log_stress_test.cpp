@@ -5,8 +5,10 @@
 #include <time.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -95,6 +97,56 @@ TEST_F(LogStress, TimeZoneMovingHalfWayLosesNothing) {
     dayDirectories += entry.is_directory();
   }
   EXPECT_EQ(2, dayDirectories);
+}
+
+// Resident size of this process, in KiB.
+long ResidentKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+TEST_F(LogStress, FourThreadsFloodingLoseNothingAndStayInBoundedMemory) {
+  constexpr int kFlooders = 4;
+  constexpr int kPerFlooder = 100000 / ZEL_STRESS_DIVISOR;  // about 40 MB: nothing rotates out
+  log_print(3, 0, "begin");
+  ASSERT_TRUE(zeltest::WaitForLastLine(base.path(), "begin\n"));
+  const long idle = ResidentKiB();
+  std::atomic<bool> flooding{true};
+  std::atomic<long> peak{idle};
+  std::thread sampler([&] {
+    while (flooding) {
+      peak = std::max(peak.load(), ResidentKiB());
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+  std::vector<std::thread> flooders;
+  for (int t = 0; t < kFlooders; ++t) {
+    flooders.emplace_back([t] {
+      for (int n = 0; n < kPerFlooder; ++n) LogLine(t, n);  // as fast as they can
+    });
+  }
+  for (auto& flooder : flooders) flooder.join();
+  flooding = false;
+  sampler.join();
+  log_print(3, 0, "the end");
+  ASSERT_TRUE(zeltest::WaitForLastLine(base.path(), "the end\n"));
+  std::vector<int> next(kFlooders, 0);
+  for (const std::string& line : zeltest::LinesBelow(base.path())) {
+    const size_t at = line.find("] s");
+    if (at == std::string::npos) continue;
+    int thread = -1, n = -1;
+    ASSERT_EQ(2, sscanf(line.c_str() + at + 3, "%d:%d:", &thread, &n)) << line;
+    ASSERT_EQ(next[thread], n) << "thread " << thread;
+    ++next[thread];
+  }
+  EXPECT_EQ(std::vector<int>(kFlooders, kPerFlooder), next);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // The backlog is the staging area: callers waited for room instead.
+  EXPECT_LE(peak.load() - idle, 64 * 1024) << "KiB above the idle process";
+#endif
 }
 
 }  // namespace
