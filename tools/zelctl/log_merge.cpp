@@ -218,60 +218,110 @@ void LogMerger::EmitRecord(MergeSource* source) {
   }
 }
 
-void LogMerger::SiftDown(size_t index) {
-  const size_t size = heap_.size();
-  const HeapEntry moving = heap_[index];
+namespace {
+
+// Bits needed to write `value` (0 for 0).
+unsigned BitsFor(uint64_t value) {
+  unsigned bits = 0;
+  for (; value != 0; value >>= 1) ++bits;
+  return bits;
+}
+
+template <typename Entry>
+void SiftDown(std::vector<Entry>* heap, size_t index) {
+  std::vector<Entry>& h = *heap;
+  const size_t size = h.size();
+  const Entry moving = h[index];
   for (;;) {
     size_t child = 2 * index + 1;
     if (child >= size) break;
     // Branch-free choice of the smaller child: the merge's order is random.
-    if (child + 1 < size) child += heap_[child + 1] < heap_[child] ? 1 : 0;
-    if (heap_[child] >= moving) break;
-    heap_[index] = heap_[child];
+    if (child + 1 < size) child += h[child + 1] < h[child] ? 1 : 0;
+    if (h[child] >= moving) break;
+    h[index] = h[child];
     index = child;
   }
-  heap_[index] = moving;
+  h[index] = moving;
 }
 
-void LogMerger::SiftUp(size_t index) {
-  const HeapEntry moving = heap_[index];
+template <typename Entry>
+void SiftUp(std::vector<Entry>* heap, size_t index) {
+  std::vector<Entry>& h = *heap;
+  const Entry moving = h[index];
   while (index > 0) {
     const size_t parent = (index - 1) / 2;
-    if (heap_[parent] <= moving) break;
-    heap_[index] = heap_[parent];
+    if (h[parent] <= moving) break;
+    h[index] = h[parent];
     index = parent;
   }
-  heap_[index] = moving;
+  h[index] = moving;
 }
 
-void LogMerger::Run(const std::vector<MergeSource*>& sources, const volatile int* stop) {
+}  // namespace
+
+void LogMerger::RankSources(const std::vector<MergeSource*>& sources) {
   ranked_ = sources;
   std::stable_sort(ranked_.begin(), ranked_.end(),
                    [](const MergeSource* a, const MergeSource* b) { return a->order < b->order; });
-  heap_.clear();
-  for (size_t rank = 0; rank < ranked_.size(); ++rank) {
-    MergeSource* source = ranked_[rank];
+  // A clock's keys lie from the start of the day before its day to the end
+  // of the day after (a leap second 1 s further).
+  int64_t first_day = 0, last_day = 0;
+  for (size_t i = 0; i < ranked_.size(); ++i) {
+    const int64_t day = ranked_[i]->clock.day_number();
+    first_day = i == 0 ? day : std::min(first_day, day);
+    last_day = i == 0 ? day : std::max(last_day, day);
+  }
+  key_base_ = (first_day - 1) * kMsPerDay - 1;
+  const uint64_t widest_offset =
+      static_cast<uint64_t>((last_day + 2) * kMsPerDay + 1000) - static_cast<uint64_t>(key_base_);
+  index_bits_ = BitsFor(ranked_.empty() ? 0 : ranked_.size() - 1);
+  index_mask_ = index_bits_ == 64 ? ~uint64_t{0} : (uint64_t{1} << index_bits_) - 1;
+  fits_64_bits_ = BitsFor(widest_offset) + index_bits_ <= 64;
+}
+
+template <typename Entry>
+Entry LogMerger::EntryOf(size_t index) const {
+  const int64_t key = ranked_[index]->head_key;
+  const uint64_t offset =
+      key == kUnknownTime ? 0 : static_cast<uint64_t>(key) - static_cast<uint64_t>(key_base_);
+  return static_cast<Entry>(offset) << index_bits_ | index;
+}
+
+template <typename Entry>
+void LogMerger::MergeWith(const volatile int* stop) {
+  std::vector<Entry> heap;
+  heap.reserve(ranked_.size());
+  for (size_t index = 0; index < ranked_.size(); ++index) {
+    MergeSource* source = ranked_[index];
     if (source->has_head || Pull(source)) {
-      heap_.push_back(EntryOf(rank));
-      SiftUp(heap_.size() - 1);
+      heap.push_back(EntryOf<Entry>(index));
+      SiftUp(&heap, heap.size() - 1);
     }
   }
   unsigned records = 0;
-  while (!heap_.empty()) {
+  while (!heap.empty()) {
     if ((++records & 4095) == 0 && stop != nullptr && *stop != 0) break;
-    const size_t top_rank = RankOf(heap_[0]);
-    MergeSource* top = ranked_[top_rank];
+    const size_t index = IndexOf(static_cast<uint64_t>(heap[0]));
+    MergeSource* top = ranked_[index];
     EmitRecord(top);
     if (top->has_head) {
-      heap_[0] = EntryOf(top_rank);
+      heap[0] = EntryOf<Entry>(index);
     } else {
-      heap_[0] = heap_.back();
-      heap_.pop_back();
+      heap[0] = heap.back();
+      heap.pop_back();
     }
-    if (!heap_.empty()) SiftDown(0);
+    if (!heap.empty()) SiftDown(&heap, 0);
     if (out_->reader_gone() || out_->write_error() != 0) break;
   }
-  heap_.clear();
+}
+
+void LogMerger::Run(const std::vector<MergeSource*>& sources, const volatile int* stop) {
+  RankSources(sources);
+  if (fits_64_bits_) {
+    MergeWith<uint64_t>(stop);
+  } else {
+    MergeWith<unsigned __int128>(stop);
+  }
 }
 
 }  // namespace zelctl

@@ -91,28 +91,29 @@ class LogMerger {
   void EmitLine(MergeSource* source, LineView line, int64_t key, bool time_passes);
   void EmitJson(const MergeSource& source, const std::string& text, int64_t key);
   bool TimePasses(int64_t key) const;
-  // The heap of sources with a head: the earliest head first, equal stamps
-  // in stream order, for any number of sources. An entry packs the head's
-  // key above the source's place in ranked_ (the sources sorted by order)
-  // into one 128-bit number, so that a single unsigned comparison, without
-  // a branch, decides (key, order): the next line comes from another stream
-  // nearly every time, and a branch there would be mispredicted.
-  using HeapEntry = unsigned __int128;
-  HeapEntry EntryOf(size_t rank) const {
-    // The sign bit flipped: unsigned order is then the keys' order, and
-    // kUnknownTime, the smallest key, goes first.
-    const uint64_t key = static_cast<uint64_t>(ranked_[rank]->head_key) ^ (uint64_t{1} << 63);
-    return static_cast<HeapEntry>(key) << 64 | rank;
-  }
-  static size_t RankOf(HeapEntry entry) { return static_cast<size_t>(entry); }
-  void SiftDown(size_t index);
-  void SiftUp(size_t index);
+  // Sources with a head wait in a binary heap: the earliest head first,
+  // equal stamps in stream order, for any number of sources. An entry packs
+  // both into one unsigned number, so that a single comparison without a
+  // branch decides (the next line comes from another stream nearly every
+  // time, and a branch would be mispredicted): the head's key counted from
+  // the earliest key the sources' clocks can give, above the source's index
+  // in ranked_ (the sources sorted by order). 64 bits hold that for any real
+  // day directories and number of streams; wider needs take 128.
+  void RankSources(const std::vector<MergeSource*>& sources);
+  template <typename Entry>
+  void MergeWith(const volatile int* stop);
+  template <typename Entry>
+  Entry EntryOf(size_t index) const;
+  size_t IndexOf(uint64_t entry) const { return static_cast<size_t>(entry & index_mask_); }
 
   LineFilter filter_;
   bool json_;
   OutputBuffer* out_;
   std::vector<MergeSource*> ranked_;
-  std::vector<HeapEntry> heap_;
+  int64_t key_base_ = 0;     // unknown time counts as this key, every stamp is later
+  unsigned index_bits_ = 0;  // below the key, for an index into ranked_
+  uint64_t index_mask_ = 0;
+  bool fits_64_bits_ = true;
   uint64_t lines_written_ = 0;
 };
 

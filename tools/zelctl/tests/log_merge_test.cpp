@@ -15,6 +15,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_prefix.h"
@@ -159,6 +160,31 @@ TEST_F(MergeTest, EqualStampsOfMoreThan4096StreamsGoByTieBreakRank) {
   EXPECT_TRUE(errors_.empty());
 }
 
+TEST_F(MergeTest, DirectoriesDaysFarApartStillMergeByTimeThenRank) {
+  // Two streams of 1 January 1970 and one whose line is about 2^62 ms later:
+  // its key and three ranks no longer fit 64 bits together (cut to 64 bits,
+  // it would come first). Once on the far directory's own day, once on the
+  // day after it, the latest a directory's line can be.
+  const std::pair<int64_t, std::string> far_lines[] = {
+      {53375995583, "[1-1 15:36:27.904][tid:7] far"},   // 2^62 ms exactly
+      {53375995581, "[4-23 23:59:59.999][tid:7] far"},  // the day after: 4-23
+  };
+  for (const auto& [far_day, far_line] : far_lines) {
+    streams_.clear();
+    MergeSource* far = AddStream("far-3", {File({far_line})}, 2);
+    MergeSource* a = AddStream("a-1", {File({"banner", "[1-1 00:00:01.000][tid:7] a"})}, 0);
+    MergeSource* b = AddStream(
+        "b-2", {File({"[1-1 00:00:01.000][tid:7] b", "[1-1 00:00:02.000][tid:7] b2"})}, 1);
+    far->clock = DayClock(far_day);
+    a->clock = b->clock = DayClock(0);
+    EXPECT_EQ(Out("a-1", "banner") + Out("a-1", "[1-1 00:00:01.000][tid:7] a") +
+                  Out("b-2", "[1-1 00:00:01.000][tid:7] b") +
+                  Out("b-2", "[1-1 00:00:02.000][tid:7] b2") + Out("far-3", far_line),
+              Merge())
+        << far_day;
+  }
+}
+
 TEST_F(MergeTest, TheEarliestStampGoesFirstAcrossStreams) {
   AddStream("agent-10", {File({Stamped("10:00:00.000", "a0"), Stamped("10:00:03.000", "a3")})}, 0);
   AddStream("bus-22", {File({Stamped("10:00:01.000", "b1"), Stamped("10:00:02.000", "b2")})}, 1);
@@ -238,10 +264,11 @@ TEST_F(MergeTest, UnstampedLinesGoOutWithTheRecordBeforeThem) {
 
 TEST_F(MergeTest, UnstampedLinesAtTheStartOfAStreamGoBeforeEveryStamp) {
   AddStream("a-1", {File({"banner", "more banner", Stamped("10:00:01.000", "a1")})}, 1);
-  AddStream("b-2", {File({"[11-14 23:59:59.000][tid:7] from the day before"})}, 0);
+  // The earliest stamp a stream of this directory can have.
+  AddStream("b-2", {File({"[11-14 00:00:00.000][tid:7] from the day before"})}, 0);
   AddStream("c-3", {File({"c banner"})}, 2);
   EXPECT_EQ(Out("a-1", "banner") + Out("a-1", "more banner") + Out("c-3", "c banner") +
-                Out("b-2", "[11-14 23:59:59.000][tid:7] from the day before") +
+                Out("b-2", "[11-14 00:00:00.000][tid:7] from the day before") +
                 Out("a-1", Stamped("10:00:01.000", "a1")),
             Merge());
 }
