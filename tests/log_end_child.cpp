@@ -7,6 +7,9 @@
 //   log_end_child <base/> <lines> segv     a fault (a write through a null pointer)
 //   log_end_child <base/> <lines> kill     SIGKILL, as a watchdog would send it
 //   log_end_child <base/> <lines> stuck    exit(0) while a sink holds the writer for ever
+//   log_end_child <base/> <lines> stuckmem the same, staging in memory (no file can be made)
+//   log_end_child <base/> <lines> late     exit(0); then an exit handler that ran before the
+//                                          log started logs <lines> more and a 3 MiB line
 //
 // Line i reads "[prefix] line NNNNN of <pid>". Exit status 2 on bad use.
 #include <signal.h>
@@ -38,6 +41,17 @@ class StuckSink : public zel::LogBackend {
   std::condition_variable cond_;
 };
 
+int gLateLines = 0;
+
+// Registered before the log starts, so it runs after the log's own exit
+// handler: its lines are written by the thread that logs them.
+void LogLate() {
+  for (int i = 0; i < gLateLines; ++i) {
+    log_print(3, 0, "late %05d of %d", i, static_cast<int>(getpid()));
+  }
+  zel::Logger::GetInstance()->Log(std::string(3 * 1024 * 1024, 'L') + "\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -48,9 +62,21 @@ int main(int argc, char** argv) {
   const rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
   zel_set_log_path(argv[1]);
-  if (how == "stuck") zel::Logger::GetInstance()->AddBackend(new StuckSink());
+  if (how == "late") {
+    gLateLines = lines;
+    atexit(&LogLate);
+  }
+  if (how == "stuckmem") {
+    // Too small a file size for a staging file; the writes fail instead of
+    // ending the process.
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{64 * 1024, 64 * 1024};
+    setrlimit(RLIMIT_FSIZE, &small);
+  }
+  const bool stuck = how == "stuck" || how == "stuckmem";
+  if (stuck) zel::Logger::GetInstance()->AddBackend(new StuckSink());
   for (int i = 0; i < lines; ++i) {
-    log_print(3, how == "stuck" ? 1 : 0, "line %05d of %d", i, static_cast<int>(getpid()));
+    log_print(3, stuck ? 1 : 0, "line %05d of %d", i, static_cast<int>(getpid()));
   }
   if (how == "exit") exit(1);
   if (how == "return") return 0;
@@ -60,6 +86,6 @@ int main(int argc, char** argv) {
     *nowhere = 0;
   }
   if (how == "kill") raise(SIGKILL);
-  if (how == "stuck") exit(0);
+  if (stuck || how == "late") exit(0);
   return 2;
 }

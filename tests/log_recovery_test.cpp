@@ -174,10 +174,15 @@ TEST_F(Recovery, ATargetOfAnotherUserIsRefused) {
 
 TEST_F(Recovery, NotAStagingFileOrAnotherKindIsLeftAlone) {
   zeltest::WriteFile(dir.path() + "garbage.stage", std::string(10000, 'x'));
+  ASSERT_EQ(0, mkfifo((dir.path() + "fifo.stage").c_str(), 0644));
+  zeltest::WriteFile(dir.path() + "huge.stage", "");
+  ASSERT_EQ(0, truncate((dir.path() + "huge.stage").c_str(), 65 * 1024 * 1024));
   const std::string other =
       LeaveStaged(dir.path(), staging::kProcessLog, dir.path() + "log.txt", {"a\n"});
   zel::logdetail::RecoverNamedLog(dir.path());
   EXPECT_TRUE(zeltest::Exists(dir.path() + "garbage.stage"));
+  EXPECT_TRUE(zeltest::Exists(dir.path() + "fifo.stage"));
+  EXPECT_TRUE(zeltest::Exists(dir.path() + "huge.stage"));
   EXPECT_TRUE(zeltest::Exists(other));
   EXPECT_FALSE(zeltest::Exists(dir.path() + "log.txt"));
 }
@@ -200,6 +205,14 @@ TEST_F(Recovery, ProcessLogLinesGoToTheirFileInADayDirectoryEvenADoubledSlashOne
   zel::logdetail::RecoverProcessLog(dir.path());
   ExpectLinesThenReport(ReadFile(dir.path() + "20310101/zel.log.agent-1.000000.txt"), "a\n", 1);
   EXPECT_TRUE(zeltest::FileNames(dir.path() + "20301231/").empty());
+}
+
+TEST_F(Recovery, ProcessLogTargetInADayDirectoryThatWasRemovedMakesItAgain) {
+  ASSERT_EQ(0, mkdir((dir.path() + "20301231").c_str(), 0755));
+  LeaveStaged(dir.path() + "20301231/", staging::kProcessLog,
+              dir.path() + "20310101/zel.log.agent-1.000000.txt", {"a\n"});
+  zel::logdetail::RecoverProcessLog(dir.path());
+  ExpectLinesThenReport(ReadFile(dir.path() + "20310101/zel.log.agent-1.000000.txt"), "a\n", 1);
 }
 
 TEST_F(Recovery, ProcessLogTargetsThatAreNotLogFilesOfADayDirectoryAreRefused) {

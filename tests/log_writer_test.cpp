@@ -12,12 +12,15 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/log_files.h"
@@ -70,6 +73,7 @@ std::vector<int> NumbersOf(const std::string& base, pid_t pid) {
   std::vector<int> numbers;
   std::smatch match;
   for (const std::string& text : zeltest::LinesBelow(base)) {
+    if (text.find("] line ") == std::string::npos) continue;  // std::regex recurses per character
     if (std::regex_match(text, match, line)) numbers.push_back(std::stoi(match[1]));
   }
   return numbers;
@@ -174,6 +178,66 @@ TEST(ProcessStuck, ExitGivesUpAfterFiveSecondsSaysSoAndTheLinesAreRecovered) {
   EXPECT_EQ(zeltest::Sequence(5), NumbersOf(base.path(), ending.pid));
 }
 
+TEST(ProcessStuck, StagedInMemoryExitGivesUpAndSaysTheLinesAreLost) {
+  zeltest::TempDir base;
+  const Ending ending = RunEndChild(base.path(), 5, "stuckmem");
+  ASSERT_TRUE(WIFEXITED(ending.status));
+  EXPECT_NE(std::string::npos,
+            ending.out.find("zel log: gave up waiting 5 s for the disk; 5 lines are lost"))
+      << ending.out;
+  EXPECT_TRUE(StagingFilesBelow(base.path()).empty());
+}
+
+TEST(ProcessEnd, LinesLoggedAfterTheLogsExitHandlerAreWrittenByTheirThread) {
+  zeltest::TempDir base;
+  // More lines than the staging area holds, then a line longer than it.
+  const Ending ending = RunEndChild(base.path(), 40000, "late");
+  ASSERT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(0, WEXITSTATUS(ending.status));
+  const std::regex late(".*\\] late (\\d{5}) of " + std::to_string(ending.pid));
+  std::vector<int> numbers;
+  std::smatch match;
+  const std::vector<std::string> lines = zeltest::LinesBelow(base.path());
+  for (const std::string& text : lines) {
+    // (std::regex recurses per character: never on the 3 MiB line.)
+    if (text.find("] late ") == std::string::npos) continue;
+    if (std::regex_match(text, match, late)) numbers.push_back(std::stoi(match[1]));
+  }
+  EXPECT_TRUE(EachOnceInOrder(numbers, 40000));
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(std::string(3 * 1024 * 1024, 'L'), lines.back());
+  EXPECT_TRUE(StagingFilesBelow(base.path()).empty());
+}
+
+// Holds the writer thread in the first line it gets until `release` passed.
+class SlowSink : public zel::LogBackend {
+ public:
+  explicit SlowSink(std::chrono::milliseconds release) : release_(release) {}
+  int Log(const std::string&) override {
+    std::this_thread::sleep_for(release_);
+    release_ = std::chrono::milliseconds(0);
+    return 0;
+  }
+
+ private:
+  std::chrono::milliseconds release_;
+};
+
+TEST(StuckDestruction, ALoggerWhoseWriterIsStuckWaitsForItAsItsLoopAlwaysDid) {
+  zeltest::TempDir base;
+  zel_set_log_path(base.path().c_str());
+  auto* logger = new zel::Logger();
+  SlowSink sink(std::chrono::milliseconds(6500));
+  logger->AddBackend(&sink);
+  for (int i = 0; i < 3; ++i) logger->Log("line " + std::to_string(i) + "\n", 3, true);
+  const auto start = std::chrono::steady_clock::now();
+  delete logger;  // 5 s for the lines, then it waits for the writer as a stop did
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
+  EXPECT_EQ((std::vector<std::string>{"line 0", "line 1", "line 2"}),
+            zeltest::LinesBelow(base.path()));
+  EXPECT_TRUE(StagingFilesBelow(base.path()).empty());
+}
+
 // ---- a forked child ----
 
 TEST(ForkedChild, LoggingBeforeExecLeavesTheParentsStagingAndLinesAlone) {
@@ -195,6 +259,25 @@ TEST(ForkedChild, LoggingBeforeExecLeavesTheParentsStagingAndLinesAlone) {
     EXPECT_EQ(std::string::npos, line.find("child line")) << line;
   }
   EXPECT_EQ(1u, StagingFilesBelow(base.path()).size());  // still the parent's
+}
+
+TEST(ForkedChild, DestroyingItsCopyOfANamedLogLeavesTheParentsAlone) {
+  zeltest::TempDir dir;
+  std::optional<zel::LoggerFile> file;
+  file.emplace(dir.path());
+  file->Log("before\n");
+  const pid_t child = fork();
+  if (child == 0) {
+    file.reset();  // no writer thread here to wait for, no staging file to remove
+    exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(1u, StagingFilesBelow(dir.path()).size());
+  file->Log("after\n");
+  ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 2; }));
+  EXPECT_EQ((std::vector<std::string>{"before", "after"}), zeltest::LinesBelow(dir.path()));
 }
 
 // ---- the staging area ----
@@ -272,6 +355,7 @@ class FloodingSink : public zel::LogBackend {
   int Log(const std::string&) override {
     if (done_.exchange(true)) return 0;
     for (int i = 0; i < count_; ++i) logger_->Log("sink " + std::to_string(i) + "\n");
+    logger_->Log(std::string(3 * 1024 * 1024, 'S') + "\n");  // longer than the whole area
     return 0;
   }
 
@@ -295,6 +379,7 @@ TEST(StagingFile, ASinkThatLogsMoreThanFitsNeverWaitsAndTheRestIsReportedAsOneLi
   int reported = -1;
   ASSERT_TRUE(zeltest::WaitFor([&] {
     for (const std::string& line : zeltest::LinesBelow(base.path())) {
+      if (line.find("] zel log: ") == std::string::npos) continue;  // not the long line
       if (std::regex_match(line, match, report)) reported = std::stoi(match[1]);
     }
     return reported >= 0;
@@ -305,7 +390,7 @@ TEST(StagingFile, ASinkThatLogsMoreThanFitsNeverWaitsAndTheRestIsReportedAsOneLi
     if (line.rfind("sink ", 0) == 0) ++written;
   }
   EXPECT_GT(reported, 0);
-  EXPECT_EQ(kSinkLines, written + reported);  // every line written or counted
+  EXPECT_EQ(kSinkLines + 1, written + reported);  // every line written or counted
 }
 
 // ---- rotation rules a batch keeps ----

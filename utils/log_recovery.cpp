@@ -142,16 +142,13 @@ void Recover(const DeadStaging& dead, const std::string& dir, staging::Kind kind
     const uint64_t onDisk = AlreadyWritten(contents, size);
     size_t lines = 0;
     std::string text = Unwritten(contents, onDisk, &lines);
-    if (!MarkWriting(dead.fd, contents.headSeq, size - onDisk)) {
-      close(fd);
-      return;
-    }
     if (lines > 0) {
       text += LineNow("zel log: recovered " + std::to_string(lines) + " lines that " +
                       contents.process + " (pid " + std::to_string(contents.pid) +
                       ") had not written when it ended\n");
     }
-    const bool appended = WriteAll(fd, text);
+    const bool appended =
+        MarkWriting(dead.fd, contents.headSeq, size - onDisk) && WriteAll(fd, text);
     close(fd);
     if (!appended) return;  // left for the next start
   }

@@ -178,6 +178,8 @@ LogWriter::~LogWriter() {
       linesStaged.notify_one();
     }
     looper->Stop();
+    std::lock_guard<std::mutex> lock(mutex);
+    if (staging->HeadLocked() == staging->TailLocked()) staging->RemoveFile();
   }
 }
 
@@ -251,10 +253,11 @@ void LogWriter::WriteLine(const char* text, size_t length, bool toBackends, bool
     printf("%s %d: fp is null \n", "operator()", rules.fpNullLine);
     return;
   }
-  if (toBackends && owner->HasSinks()) {
+  LineSinks* sinks = toBackends ? owner->Sinks() : nullptr;
+  if (sinks != nullptr && sinks->Attached()) {
     // A sink may look at the file: the lines before this one are on it.
     batch.Flush();
-    owner->ToSinks(text, length);
+    sinks->Take(text, length);
   }
   // The file gets the text up to its first NUL, as "%s" would print it.
   const size_t bytes = strnlen(text, length);
@@ -289,7 +292,7 @@ FILE* LogWriter::FileForLine(bool& checked, Batch* batch) {
     char rotated[kPathSize];
     file.RotateOut(owner->Naming(), rules.renameErrorLine, rotated);
     owner->Rotated(file.path, rotated);
-    file.RemoveExpired(owner->Naming(), file.index, rules.maxFileCount);
+    owner->RemoveExpired(file.index);
   }
   owner->UpdateLogDir();
   file.NameCurrent(owner->Naming());
@@ -318,13 +321,9 @@ int LogWriter::Append(const char* text, size_t length, bool toBackends) {
       return 0;
     }
   } else {
-    while (longText != nullptr || !staging->HasRoomLocked(length)) {
-      if (finished) {
-        WriteStagedHere(lock);
-        continue;
-      }
-      roomMade.wait(lock);
-    }
+    // After Finish nothing is left staged for long: Finish and every later
+    // line write what is staged, which makes the room waited for here.
+    while (longText != nullptr || !staging->HasRoomLocked(length)) roomMade.wait(lock);
   }
   staging->AppendLocked(text, length, toBackends);
   if (finished) {
@@ -395,10 +394,6 @@ void LogWriter::ReportDropsLocked() {
 bool LogWriter::Finish(std::chrono::milliseconds limit) {
   std::unique_lock<std::mutex> lock(mutex);
   if (finished) return true;
-  if (!looper) {
-    finished = true;
-    return true;
-  }
   linesStaged.notify_one();
   const bool drained = allWritten.wait_for(lock, limit, [this] {
     return staging->HeadLocked() == staging->TailLocked() && longText == nullptr;

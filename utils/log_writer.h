@@ -55,9 +55,18 @@ class WriterOwner {
   // Status lines around a rotation and an opening (named logs print some).
   virtual void Rotated(const char* from, const char* to) = 0;
   virtual void Opening(const char* path) = 0;
-  // Whether sinks are attached, and the line to them (the process log's only).
-  virtual bool HasSinks() = 0;
-  virtual void ToSinks(const char* text, size_t length) = 0;
+  // Deletes the rotation that fell out of the kept range (updateLogFile).
+  virtual void RemoveExpired(unsigned char index) = 0;
+  // The attached sinks, if the owner has any (the process log only).
+  virtual class LineSinks* Sinks() { return nullptr; }
+};
+
+// Client sinks that get each line handed to them before it is written.
+class LineSinks {
+ public:
+  virtual ~LineSinks() = default;
+  virtual bool Attached() = 0;
+  virtual void Take(const char* text, size_t length) = 0;
 };
 
 // The owner's fixed rules.

@@ -21,12 +21,12 @@ namespace {
 logdetail::RotatingFile sCurFile;
 
 // 2 MiB of text, 32,768 lines: a few seconds of a busy process's lines.
-constexpr logdetail::StagingArea::Sizes kStagingSizes{32768, 2 * 1024 * 1024};
+constexpr logdetail::StagingArea::Sizes kStagingSizes{32768, uint64_t{2} * 1024 * 1024};
 
 // The base the day directories go under, as getPrefix picks it, without
 // creating anything.
 std::string LogBase() {
-  const std::string fixed = logdetail::FixedBase();
+  std::string fixed = logdetail::FixedBase();
   if (!fixed.empty()) return fixed;
   const char* user = getenv("USER");
   return std::string("/Users/") + (user != nullptr ? std::string(user) + "/Library/zel/" : "");
@@ -45,7 +45,7 @@ namespace logdetail {
 
 // The process log's side of the writer: its directory, names, date rule and
 // sinks.
-class ProcessLogHooks : public WriterOwner {
+class ProcessLogHooks : public WriterOwner, public LineSinks {
  public:
   explicit ProcessLogHooks(Logger& logger) : logger(logger) {}
   bool FileMode() override { return logger.mFileMode; }
@@ -54,11 +54,13 @@ class ProcessLogHooks : public WriterOwner {
   bool DateChanged() override { return logger.DateChanged(); }
   void Rotated(const char*, const char*) override {}
   void Opening(const char*) override {}
-  bool HasSinks() override {
+  void RemoveExpired(unsigned char index) override { logger.updateLogFile(index); }
+  LineSinks* Sinks() override { return this; }
+  bool Attached() override {
     std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
     return !logger.mBackends.empty();
   }
-  void ToSinks(const char* text, size_t length) override {
+  void Take(const char* text, size_t length) override {
     std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
     if (logger.mBackends.empty()) return;
     const std::string line(text, length);
@@ -159,7 +161,7 @@ std::string Logger::getPrefix() {
   const std::string processName = get_process_name();
   const struct tm local = LocalNow();
   const std::string day = DateText(local);
-  const std::string last = DayDirectory();
+  std::string last = DayDirectory();
   if (day == mDay && !last.empty()) return last;
   mDay = day;
   mTimeTag = TimeTag(local);

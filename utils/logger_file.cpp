@@ -17,7 +17,7 @@ std::mutex LoggerFile::sMutex;
 namespace {
 
 // 256 KiB of text, 4,096 lines: named logs are quieter than the process log.
-constexpr StagingArea::Sizes kStagingSizes{4096, 256 * 1024};
+constexpr StagingArea::Sizes kStagingSizes{4096, uint64_t{256} * 1024};
 
 // "<dir><name>.<pid>.<n>.stage": never a log file's name.
 std::string StagingName(const std::string& name) {
@@ -46,8 +46,7 @@ class NamedLogHooks : public WriterOwner {
     printf("mCurFp is null, creatfile [%s] [%s] [%s]\n", file.mTag.c_str(), file.mTimeTag.c_str(),
            path);
   }
-  bool HasSinks() override { return false; }
-  void ToSinks(const char*, size_t) override {}
+  void RemoveExpired(unsigned char index) override { file.updateLogFile(index); }
 
  private:
   LoggerFile& file;

@@ -17,7 +17,7 @@ namespace logdetail {
 
 namespace {
 
-constexpr off_t kLargestStagingFile = 64 * 1024 * 1024;
+constexpr off_t kLargestStagingFile = off_t{64} * 1024 * 1024;
 
 bool EndsWith(const std::string& text, const char* suffix) {
   const size_t length = strlen(suffix);
