@@ -135,7 +135,7 @@ TEST_F(Recovery, ATargetOutsideTheFolderIsRefused) {
   zeltest::TempDir elsewhere;
   for (const std::string& target :
        {elsewhere.path() + "log.txt", dir.path() + "../log.txt", dir.path() + "sub/log.txt",
-        dir.path() + "..", std::string("")}) {
+        dir.path() + "..", dir.path() + ".", dir.path(), std::string("")}) {
     const std::string staged = LeaveStaged(dir.path(), staging::kNamedLog, target, {"a\n"});
     zel::logdetail::RecoverNamedLog(dir.path());
     EXPECT_TRUE(zeltest::Exists(staged)) << target;
@@ -223,7 +223,8 @@ TEST_F(Recovery, ProcessLogTargetsThatAreNotLogFilesOfADayDirectoryAreRefused) {
   for (const std::string& target :
        {dir.path() + "20310101/zel.log.agent-1.000000.txt", dir.path() + "20301231/other.txt",
         dir.path() + "2030123/zel.log.agent-1.000000.txt", dir.path() + "zel.log.agent-1.txt",
-        dir.path() + "2030123x/zel.log.agent-1.000000.txt"}) {
+        dir.path() + "2030123x/zel.log.agent-1.000000.txt", dir.path() + "20301231//",
+        dir.path() + "2030"}) {
     const std::string staged =
         LeaveStaged(dir.path() + "20301231/", staging::kProcessLog, target, {"a\n"});
     zel::logdetail::RecoverProcessLog(dir.path());

@@ -74,35 +74,6 @@ int OpenTarget(int dirFd, const Target& target) {
   return fd;
 }
 
-// Bytes of the lines' text that reached a target now holding `size` bytes:
-// what an interrupted write put beyond the size it started from. Each line
-// counts up to its first NUL, as the writer wrote it.
-uint64_t AlreadyWritten(const staging::Contents& contents, uint64_t size) {
-  if (contents.writingLines == 0 || size <= contents.writingFromSize) return 0;
-  uint64_t covered = 0;
-  for (size_t i = 0; i < contents.writingLines; ++i) {
-    const std::string& line = contents.lines[i];
-    covered += strnlen(line.data(), line.size());
-  }
-  return std::min(size - contents.writingFromSize, covered);
-}
-
-// The text of the lines after their first `written` bytes; `lines` receives
-// how many lines (or rests of lines) that is.
-std::string Unwritten(const staging::Contents& contents, uint64_t written, size_t* lines) {
-  std::string text;
-  *lines = 0;
-  for (const std::string& line : contents.lines) {
-    const size_t bytes = strnlen(line.data(), line.size());
-    const size_t skip = static_cast<size_t>(std::min<uint64_t>(written, bytes));
-    written -= skip;
-    if (skip == bytes) continue;
-    text.append(line, skip, bytes - skip);
-    ++*lines;
-  }
-  return text;
-}
-
 // Records in the dead process's staging file (its lock is ours) that every
 // line is being written to a target that held `fromSize` bytes before them:
 // a recovery cut short by this process's own death is then taken up where it
@@ -139,16 +110,14 @@ void Recover(const DeadStaging& dead, const std::string& dir, staging::Kind kind
     if (fd < 0) return;
     struct stat st;
     const uint64_t size = fstat(fd, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
-    const uint64_t onDisk = AlreadyWritten(contents, size);
-    size_t lines = 0;
-    std::string text = Unwritten(contents, onDisk, &lines);
-    if (lines > 0) {
-      text += LineNow("zel log: recovered " + std::to_string(lines) + " lines that " +
-                      contents.process + " (pid " + std::to_string(contents.pid) +
-                      ") had not written when it ended\n");
+    staging::Unwritten rest = staging::UnwrittenPart(contents, size);
+    if (rest.lines > 0) {
+      rest.text += LineNow("zel log: recovered " + std::to_string(rest.lines) + " lines that " +
+                           contents.process + " (pid " + std::to_string(contents.pid) +
+                           ") had not written when it ended\n");
     }
     const bool appended =
-        MarkWriting(dead.fd, contents.headSeq, size - onDisk) && WriteAll(fd, text);
+        MarkWriting(dead.fd, contents.headSeq, rest.fromSize) && WriteAll(fd, rest.text);
     close(fd);
     if (!appended) return;  // left for the next start
   }

@@ -114,7 +114,7 @@ class LogWriter::Batch {
   void Add(FILE* fp, const char* text, size_t length) {
     if (fp != target) Flush();
     target = fp;
-    if (pieces.empty() && fp != stderr) sizeBefore = writer.FileSizeNow();
+    if (pieces.empty()) sizeBefore = writer.FileSizeNow();
     if (!pieces.empty()) {
       iovec& last = pieces.back();
       if (static_cast<char*>(last.iov_base) + last.iov_len == text) {
@@ -128,9 +128,8 @@ class LogWriter::Batch {
   void Flush() { FlushUpTo(current); }
   void FlushUpTo(uint64_t endSeq) {
     if (!pieces.empty()) {
-      const bool toFile = target != stderr;
-      if (toFile) writer.staging->BeginWrite(endSeq, static_cast<uint64_t>(sizeBefore));
-      if (!WriteAll(fileno(target), pieces) && toFile) writer.file.LostTrack();
+      writer.staging->BeginWrite(endSeq, static_cast<uint64_t>(sizeBefore));
+      if (!WriteAll(fileno(target), pieces)) writer.file.LostTrack();
       pieces.clear();
     }
     if (releases) {
@@ -191,7 +190,7 @@ void LogWriter::Start(std::function<void()> first) {
   looper->Start();
   looper->PostMessageAAA(std::make_unique<WriterMessage>([this, first = std::move(first)] {
     writerThread = std::this_thread::get_id();
-    if (first) first();
+    first();
     Run();
   }));
 }
@@ -248,13 +247,13 @@ void LogWriter::WriteRecords(uint64_t from, uint64_t to) {
 
 void LogWriter::WriteLine(const char* text, size_t length, bool toBackends, bool& checked,
                           Batch& batch) {
-  FILE* fp = owner->FileMode() ? FileForLine(checked, &batch) : stderr;
+  FILE* fp = FileForLine(checked, &batch);
   if (fp == nullptr) {
     printf("%s %d: fp is null \n", "operator()", rules.fpNullLine);
     return;
   }
-  LineSinks* sinks = toBackends ? owner->Sinks() : nullptr;
-  if (sinks != nullptr && sinks->Attached()) {
+  LineSinks* sinks = owner->Sinks();
+  if (toBackends && sinks != nullptr && sinks->Attached()) {
     // A sink may look at the file: the lines before this one are on it.
     batch.Flush();
     sinks->Take(text, length);
@@ -267,7 +266,6 @@ void LogWriter::WriteLine(const char* text, size_t length, bool toBackends, bool
     return;
   }
   batch.Add(fp, text, bytes);
-  if (fp == stderr) return;
   file.Advance(bytes);
   position = file.KnownSize() >= 0 ? file.KnownSize() : position + static_cast<long>(bytes);
 }

@@ -45,8 +45,6 @@ constexpr auto kDrainLimit = std::chrono::seconds(5);
 class WriterOwner {
  public:
   virtual ~WriterOwner() = default;
-  // False while the owner sets itself up: lines then go to standard error.
-  virtual bool FileMode() = 0;
   virtual void UpdateLogDir() = 0;
   virtual FileNaming Naming() = 0;
   // Whether the date changed since the current file was named (named logs
@@ -91,9 +89,9 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
-  // Starts the writer thread (a Looper's); `first` runs there before any
-  // line (recovery of dead processes' lines). Before the thread, while the
-  // owner is set up.
+  // Starts the writer thread (a Looper's) once the owner is set up (it then
+  // writes to files, not standard error); `first` runs there before any line
+  // (recovery of dead processes' lines).
   void Start(std::function<void()> first);
   // The owner's names changed before its first line (a named log's SetName):
   // the file the staged lines are for is named again. Owner only.

@@ -48,7 +48,6 @@ namespace logdetail {
 class ProcessLogHooks : public WriterOwner, public LineSinks {
  public:
   explicit ProcessLogHooks(Logger& logger) : logger(logger) {}
-  bool FileMode() override { return logger.mFileMode; }
   void UpdateLogDir() override { logger.UpdateLogDir(); }
   FileNaming Naming() override { return logger.Naming(); }
   bool DateChanged() override { return logger.DateChanged(); }

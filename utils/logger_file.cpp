@@ -35,7 +35,6 @@ namespace logdetail {
 class NamedLogHooks : public WriterOwner {
  public:
   explicit NamedLogHooks(LoggerFile& file) : file(file) {}
-  bool FileMode() override { return file.mFileMode; }
   void UpdateLogDir() override { file.UpdateLogDir(); }
   FileNaming Naming() override { return file.Naming(); }
   bool DateChanged() override { return false; }  // a named file keeps its time tag for life

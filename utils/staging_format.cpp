@@ -1,5 +1,6 @@
 #include "utils/staging_format.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace zel {
@@ -71,6 +72,28 @@ bool Parse(const unsigned char* bytes, size_t size, Contents* out) {
     if (writing && seq < h.writingEndSeq) out->writingLines = out->lines.size();
   }
   return true;
+}
+
+Unwritten UnwrittenPart(const Contents& contents, uint64_t targetSize) {
+  uint64_t written = 0;
+  if (contents.writingLines > 0 && targetSize > contents.writingFromSize) {
+    uint64_t covered = 0;
+    for (size_t i = 0; i < contents.writingLines; ++i) {
+      covered += strnlen(contents.lines[i].data(), contents.lines[i].size());
+    }
+    written = std::min(targetSize - contents.writingFromSize, covered);
+  }
+  Unwritten rest;
+  rest.fromSize = targetSize - written;
+  for (const std::string& line : contents.lines) {
+    const size_t bytes = strnlen(line.data(), line.size());
+    const size_t skip = static_cast<size_t>(std::min<uint64_t>(written, bytes));
+    written -= skip;
+    if (skip == bytes) continue;
+    rest.text.append(line, skip, bytes - skip);
+    ++rest.lines;
+  }
+  return rest;
 }
 
 }  // namespace staging

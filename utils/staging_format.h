@@ -86,6 +86,17 @@ struct Contents {
 // version, sizes); otherwise every consistent record is in `out`.
 bool Parse(const unsigned char* bytes, size_t size, Contents* out);
 
+// What of `contents` is not in its target yet, which now holds `targetSize`
+// bytes: each line as the writer writes it (up to its first NUL), less what
+// an interrupted write put beyond the size it started from. Empty lines are
+// left out; a line the write cut short comes back as its rest.
+struct Unwritten {
+  std::string text;       // the lines, one after the other
+  size_t lines = 0;       // how many (rests of) lines
+  uint64_t fromSize = 0;  // the target's size the first of them goes after
+};
+Unwritten UnwrittenPart(const Contents& contents, uint64_t targetSize);
+
 }  // namespace staging
 }  // namespace logdetail
 }  // namespace zel

@@ -17,6 +17,7 @@
 #include "log_merge.h"
 #include "log_prefix.h"
 #include "log_stream.h"
+#include "utils/staging_scan.h"
 
 namespace zelctl {
 namespace {
@@ -83,6 +84,9 @@ class LogsSession {
     io_error_ = true;
   }
   Stream* NewStream(const Day& day, const LogStreamFiles& files, bool follow);
+  // One stream for the lines each dead process left staged in the day
+  // directory (unwritten, so in no file), tagged "<process>-<pid>(unwritten)".
+  void AddUnwrittenLines(const Day& day);
   void UpdateStream(Stream* stream, const LogStreamFiles& files);
   void ReorderStreams();
   // Rotated files of `files` newer than the last one queued, oldest first.
@@ -146,8 +150,32 @@ int LogsSession::AddDay(const std::string& dir, int64_t day_number, bool follow)
   for (const LogStreamFiles& files : listed) {
     if (WantedProcess(files, options_.processes)) NewStream(days_.back(), files, follow);
   }
+  AddUnwrittenLines(days_.back());
   ReorderStreams();
   return 0;
+}
+
+void LogsSession::AddUnwrittenLines(const Day& day) {
+  namespace staging = zel::logdetail::staging;
+  zel::logdetail::ForEachDeadStaging(
+      day.dir, staging::kProcessLog, false, [&](const zel::logdetail::DeadStaging& dead) {
+        const staging::Contents& contents = dead.contents;
+        LogStreamFiles files;
+        files.process = contents.process;
+        files.pid = contents.pid;
+        files.tag = contents.process + "-" + std::to_string(contents.pid);
+        files.time_tag = dead.name;  // one stream per staging file
+        if (!WantedProcess(files, options_.processes)) return;
+        // What the target holds already is in the stream of its file.
+        struct stat target = {};
+        const uint64_t size =
+            stat(contents.target.c_str(), &target) == 0 ? static_cast<uint64_t>(target.st_size) : 0;
+        staging::Unwritten rest = staging::UnwrittenPart(contents, size);
+        if (rest.lines == 0) return;
+        files.tag += "(unwritten)";
+        Stream* stream = NewStream(day, files, false);
+        stream->lines->AddFinalText(day.dir + dead.name, std::move(rest.text));
+      });
 }
 
 std::vector<size_t> LogsSession::RotatedAfterLast(const Stream& stream,

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -50,6 +51,13 @@ void LineStream::AddFinalFile(const std::string& path) {
   queue_.push_back(std::move(file));
 }
 
+void LineStream::AddFinalText(const std::string& name, std::string text) {
+  QueuedFile file;
+  file.path = name;
+  file.text = std::make_shared<const std::string>(std::move(text));
+  queue_.push_back(std::move(file));
+}
+
 bool LineStream::AddLiveFile(const std::string& path) {
   QueuedFile file;
   file.path = path;
@@ -90,6 +98,12 @@ void LineStream::RestartIfTruncated() {
 bool LineStream::OpenFront() {
   while (!queue_.empty()) {
     QueuedFile& file = queue_.front();
+    if (file.text) {
+      front_text_ = file.text;
+      front_live_ = false;
+      offset_ = 0;
+      return true;
+    }
     int fd = file.fd;
     dev_t device = file.device;
     ino_t inode = file.inode;
@@ -112,6 +126,14 @@ bool LineStream::OpenFront() {
 void LineStream::CloseCurrent() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
+  front_text_.reset();
+}
+
+ssize_t LineStream::ReadFront(char* into, size_t size) {
+  if (front_text_ == nullptr) return read(fd_, into, size);
+  const size_t count = std::min<size_t>(size, front_text_->size() - offset_);
+  std::memcpy(into, front_text_->data() + offset_, count);
+  return static_cast<ssize_t>(count);
 }
 
 LineStream::Result LineStream::NextLine(LineView* line) {
@@ -138,7 +160,7 @@ LineStream::Result LineStream::NextLine(LineView* line) {
         return Result::kLine;
       }
     }
-    if (fd_ < 0 && !OpenFront()) return Result::kEnd;
+    if (!FrontOpen() && !OpenFront()) return Result::kEnd;
     if (begin_ > 0) {
       std::memmove(buffer, buffer + begin_, end_ - begin_);
       end_ -= begin_;
@@ -146,7 +168,7 @@ LineStream::Result LineStream::NextLine(LineView* line) {
     }
     ssize_t count;
     do {
-      count = read(fd_, buffer + end_, capacity_ - end_);
+      count = ReadFront(buffer + end_, capacity_ - end_);
     } while (count < 0 && errno == EINTR);
     if (count > 0) {
       end_ += static_cast<size_t>(count);

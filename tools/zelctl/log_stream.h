@@ -34,6 +34,9 @@ class LineStream {
   // Queues a file that is complete: read to its end, a last line without a
   // newline counts as a line.
   void AddFinalFile(const std::string& path);
+  // Queues text read from elsewhere (lines a dead process left staged), as
+  // a complete file; `name` stands for it in error reports.
+  void AddFinalText(const std::string& name, std::string text);
   // Queues the file being written (opened now, so that a rotation between
   // polls cannot swap it): at its end NextLine answers kNoMoreNow and holds
   // back a last line without a newline. False when it cannot be opened.
@@ -54,6 +57,7 @@ class LineStream {
  private:
   struct QueuedFile {
     std::string path;
+    std::shared_ptr<const std::string> text;  // instead of a file
     bool live = false;
     int fd = -1;  // opened already (live files)
     dev_t device = 0;
@@ -63,6 +67,9 @@ class LineStream {
   int OpenRegular(const std::string& path, dev_t* device, ino_t* inode);
   bool OpenFront();
   void CloseCurrent();
+  bool FrontOpen() const { return fd_ >= 0 || front_text_ != nullptr; }
+  // read() of the front file, or a copy from its text.
+  ssize_t ReadFront(char* into, size_t size);
 
   std::unique_ptr<char[]> buffer_;
   size_t capacity_;
@@ -70,7 +77,8 @@ class LineStream {
   size_t scanned_ = 0;          // bytes from begin_ known to hold no newline
   ErrorSink on_error_;
   std::deque<QueuedFile> queue_;
-  int fd_ = -1;  // the front file, when open
+  int fd_ = -1;                                    // the front file, when open
+  std::shared_ptr<const std::string> front_text_;  // or the front text, when open
   bool front_live_ = false;
   dev_t device_ = 0;
   ino_t inode_ = 0;

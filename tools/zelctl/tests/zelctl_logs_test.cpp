@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tool_run.h"
+#include "utils/staging_area.h"
 
 namespace {
 
@@ -68,6 +70,43 @@ TEST(Logs, MergesProcessesByTimeStampAndRotatedFilesOldestFirst) {
   std::string joined;
   for (const std::string& line : expected) joined += line;
   EXPECT_EQ(joined, r.out);
+}
+
+// Stages `lines` for `target` in `dir`, as a process does; the process
+// "dies" with the object (its lock goes, its file stays).
+std::unique_ptr<zel::logdetail::StagingArea> Stage(const std::string& dir, const std::string& name,
+                                                   const std::string& target,
+                                                   const std::vector<std::string>& lines) {
+  auto area = std::make_unique<zel::logdetail::StagingArea>(
+      dir + name, zel::logdetail::staging::kProcessLog, "agent",
+      zel::logdetail::StagingArea::Sizes{16, 4096});
+  area->SetTarget(target.c_str());
+  for (const std::string& line : lines) area->AppendLocked(line.data(), line.size(), false);
+  return area;
+}
+
+TEST(Logs, LinesADeadProcessLeftUnwrittenAreInTheTimelineMarkedAndNothingIsWritten) {
+  DayFixture f;
+  const std::string target = f.dir + "zel.log.agent-10.093015.txt";
+  f.Write("zel.log.agent-10.093015.txt",
+          LogLine("10:00:00.000", "a0") + LogLine("10:00:02.000", "a2"));
+  f.Write("zel.log.bus-22.093020.txt", LogLine("10:00:04.000", "b4"));
+  Stage(f.dir, "zel.agent-10.0.stage", target,
+        {LogLine("10:00:03.000", "a3"), LogLine("10:00:05.000", "a5")});
+  // A live process's staging file: its lines are on their way to its file.
+  const auto live = Stage(f.dir, "zel.agent-11.0.stage", f.dir + "zel.log.agent-11.093015.txt",
+                          {LogLine("10:00:01.000", "live")});
+  const std::string staged = zelctltest::ReadFile(f.dir + "zel.agent-10.0.stage");
+  const ToolResult r = RunTool(f.Base());
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  const std::string dead = "agent-" + std::to_string(getpid()) + "(unwritten) ";
+  EXPECT_EQ("agent-10 " + LogLine("10:00:00.000", "a0") + "agent-10 " +
+                LogLine("10:00:02.000", "a2") + dead + LogLine("10:00:03.000", "a3") + "bus-22 " +
+                LogLine("10:00:04.000", "b4") + dead + LogLine("10:00:05.000", "a5"),
+            r.out);
+  EXPECT_EQ(staged, zelctltest::ReadFile(f.dir + "zel.agent-10.0.stage"));
+  EXPECT_EQ(LogLine("10:00:00.000", "a0") + LogLine("10:00:02.000", "a2"),
+            zelctltest::ReadFile(target));
 }
 
 TEST(Logs, EqualTimeStampsGoByProcessNameThenPidThenTimeTag) {
