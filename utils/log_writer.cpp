@@ -216,10 +216,7 @@ void LogWriter::Run() {
       const size_t length = longLength;
       const bool toBackends = longToBackends;
       lock.unlock();
-      Batch batch(*this, false);
-      bool checked = false;
-      WriteLine(text, length, toBackends, checked, batch);
-      batch.Flush();
+      WriteLongLine(text, length, toBackends);
       lock.lock();
       longText = nullptr;
       ++longWritten;
@@ -243,6 +240,13 @@ void LogWriter::WriteRecords(uint64_t from, uint64_t to) {
     WriteLine(record.text, record.length, record.toBackends, checked, batch);
   }
   batch.FlushUpTo(to);
+}
+
+void LogWriter::WriteLongLine(const char* text, size_t length, bool toBackends) {
+  Batch batch(*this, false);  // not staged: nothing to release
+  bool checked = false;
+  WriteLine(text, length, toBackends, checked, batch);
+  batch.Flush();
 }
 
 void LogWriter::WriteLine(const char* text, size_t length, bool toBackends, bool& checked,
@@ -343,12 +347,9 @@ int LogWriter::AppendLongLine(std::unique_lock<std::mutex>& lock, const char* te
   }
   if (finished) {
     WriteStagedHere(lock);
+    lock.unlock();  // writeHere is never taken with mutex held
     std::lock_guard<std::mutex> here(writeHere);
-    lock.unlock();
-    Batch batch(*this, false);
-    bool checked = false;
-    WriteLine(text, length, toBackends, checked, batch);
-    batch.Flush();
+    WriteLongLine(text, length, toBackends);
     return 0;
   }
   // In order: after everything staged before it, before anything after it.

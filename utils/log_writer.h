@@ -122,6 +122,8 @@ class LogWriter {
   // Writes records [from, to), freeing them as they reach the disk. The
   // writer thread, or a caller once the writer is finished.
   void WriteRecords(uint64_t from, uint64_t to);
+  // A line too long to stage, written on its own.
+  void WriteLongLine(const char* text, size_t length, bool toBackends);
   // One line through the owner's rules into `batch`.
   void WriteLine(const char* text, size_t length, bool toBackends, bool& checked, Batch& batch);
   // The file for the next line. The path is looked up for the first line of
@@ -175,6 +177,7 @@ class LogWriter {
   // Given up at exit: the thread is stuck and must not be joined. Atomic.
   std::atomic<bool> abandoned{false};
   // Serialises callers that write their own lines once the writer finished.
+  // Taken without mutex held; mutex may be taken under it.
   std::mutex writeHere;
   // The writer thread. Made by Start; stopped by Finish or the destructor.
   std::unique_ptr<Looper> looper;
