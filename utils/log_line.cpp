@@ -2,12 +2,12 @@
 
 #include <pthread.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
-#include "utils/local_time.h"
+#include "utils/clock.h"
+#include "utils/log_format.h"
 
 namespace zel {
 namespace logdetail {
@@ -28,24 +28,19 @@ thread_local PrefixCache tPrefix;
 
 }  // namespace
 
-long long NowMicros() {
-  using namespace std::chrono;
-  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-}
-
 size_t FormatPrefix(char* out, long long micros, time_t seconds) {
   PrefixCache& cache = tPrefix;
   if (cache.tailLen == 0) {
     // A C-style cast: pthread_t is an integer on Linux and a pointer on macOS.
     const std::string tid = std::to_string((unsigned long long)pthread_self());
-    cache.tailLen =
-        static_cast<size_t>(snprintf(cache.tail, sizeof(cache.tail), "][tid:%s] ", tid.c_str()));
+    cache.tailLen = static_cast<size_t>(
+        snprintf(cache.tail, sizeof(cache.tail), logformat::kPrefixTailFormat, tid.c_str()));
   }
-  const LocalSecond& now = LocalTimeAt(seconds);
+  const timing::LocalSecond& now = timing::LocalTimeAt(seconds);
   if (now.conversion != cache.conversion) {
     const struct tm& local = now.local;
     cache.headLen = static_cast<size_t>(
-        snprintf(cache.head, sizeof(cache.head), "[%d-%d %02d:%02d:%02d.", local.tm_mon + 1,
+        snprintf(cache.head, sizeof(cache.head), logformat::kPrefixHeadFormat, local.tm_mon + 1,
                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec));
     cache.conversion = now.conversion;
   }
@@ -61,7 +56,7 @@ size_t FormatPrefix(char* out, long long micros, time_t seconds) {
 
 std::string LineNow(const std::string& text) {
   char prefix[kPrefixSize];
-  const long long micros = NowMicros();
+  const long long micros = timing::WallClockMicros();
   const size_t length = FormatPrefix(prefix, micros, time(nullptr));
   return std::string(prefix, length) + text;
 }

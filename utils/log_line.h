@@ -1,6 +1,5 @@
-// The process log's line: the prefix every line from log_print carries,
-// "[%d-%d %02d:%02d:%02d.%03ld][tid:%s] " (month, day, time with
-// milliseconds, the calling thread's handle in decimal). The library's own
+// The process log's line: the prefix every line from log_print carries (its
+// layout is in log_format.h). The library's own
 // report lines use it too. Internal; not installed.
 #pragma once
 
@@ -22,8 +21,6 @@ constexpr size_t kPrefixSize = 64;
 size_t FormatPrefix(char* out, long long micros, time_t seconds);
 // The prefix of a line logged now, then `text`. Any thread.
 std::string LineNow(const std::string& text);
-// The system clock now, in microseconds since the epoch.
-long long NowMicros();
 
 }  // namespace logdetail
 }  // namespace zel

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "utils/log_format.h"
 #include "utils/log_line.h"
 #include "utils/staging_scan.h"
 
@@ -35,16 +36,17 @@ bool ParseTarget(const std::string& dir, staging::Kind kind, const std::string& 
   if (target.compare(0, dir.size(), dir) != 0) return false;
   std::string rest = target.substr(dir.size());
   if (kind == staging::kProcessLog) {
-    if (rest.size() < 10 || rest[8] != '/') return false;
-    for (size_t i = 0; i < 8; ++i) {
+    constexpr size_t kDay = logformat::kDayNameSize;
+    if (rest.size() < kDay + 2 || rest[kDay] != '/') return false;
+    for (size_t i = 0; i < kDay; ++i) {
       if (!isdigit(static_cast<unsigned char>(rest[i]))) return false;
     }
-    out->day = rest.substr(0, 8);
+    out->day = rest.substr(0, kDay);
     // The default base's day directories end in a doubled slash.
-    const size_t name = rest.find_first_not_of('/', 8);
+    const size_t name = rest.find_first_not_of('/', kDay);
     if (name == std::string::npos) return false;
     rest = rest.substr(name);
-    if (rest.compare(0, 8, "zel.log.") != 0) return false;
+    if (rest.rfind(logformat::kLogFilePrefix, 0) != 0) return false;
   }
   out->name = rest;
   return PlainName(rest);

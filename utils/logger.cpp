@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "utils/local_time.h"
+#include "utils/clock.h"
+#include "utils/log_format.h"
 #include "utils/log_paths.h"
 #include "utils/log_recovery.h"
 #include "utils/log_writer.h"
@@ -28,8 +29,7 @@ constexpr logdetail::StagingArea::Sizes kStagingSizes{32768, uint64_t{2} * 1024 
 std::string LogBase() {
   std::string fixed = logdetail::FixedBase();
   if (!fixed.empty()) return fixed;
-  const char* user = getenv("USER");
-  return std::string("/Users/") + (user != nullptr ? std::string(user) + "/Library/zel/" : "");
+  return logformat::DefaultBase(getenv("USER"));
 }
 
 // "<day directory>zel.<process>-<pid>.<n>.stage": beside the file it stages
@@ -80,12 +80,7 @@ std::string& Logger::mFixedDirPrefix = *new std::string();
 using namespace logdetail;
 
 std::string BuildLogPath(const std::string& sub) {
-  std::string path = "/Users/";
-  if (const char* user = getenv("USER")) {
-    path += user;
-    path += "/";
-    path += "Library/zel/";
-  }
+  std::string path = logformat::DefaultBase(getenv("USER"));
   if (!sub.empty()) {
     path += sub;
     path += "/";
@@ -158,12 +153,12 @@ void Logger::RemoveBackend(LogBackend* backend) {
 
 std::string Logger::getPrefix() {
   const std::string processName = get_process_name();
-  const struct tm local = LocalNow();
-  const std::string day = DateText(local);
+  const struct tm local = timing::LocalNow();
+  const std::string day = logformat::DateText(local);
   std::string last = DayDirectory();
   if (day == mDay && !last.empty()) return last;
   mDay = day;
-  mTimeTag = TimeTag(local);
+  mTimeTag = logformat::TimeTag(local);
   mProcTag = processName + "-" + std::to_string(static_cast<long long>(getpid()));
   const std::string base = FixedBase();
   std::string dir;
@@ -193,7 +188,7 @@ int Logger::logFileInit() {
 FILE* Logger::getLogFp() { return mFileMode ? getFile() : stderr; }
 
 logdetail::FileNaming Logger::Naming() const {
-  return {mLogDir, mLogDirLen, "zel.log." + mProcTag, mTimeTag};
+  return {mLogDir, mLogDirLen, logformat::kLogFilePrefix + mProcTag, mTimeTag};
 }
 
 FILE* Logger::getFile() { return mWriter->CurrentFile(); }
@@ -205,9 +200,9 @@ void Logger::updateLogFile(unsigned char index) {
 bool Logger::DateChanged() {
   // Today's date as of this line: the time zone may have moved since the
   // last one (a travelling laptop).
-  const LocalSecond& now = LocalTimeAt(time(nullptr));
+  const timing::LocalSecond& now = timing::LocalTimeAt(time(nullptr));
   if (now.conversion != mTodayConversion) {
-    mToday = DateText(now.local);
+    mToday = logformat::DateText(now.local);
     mTodayConversion = now.conversion;
   }
   return mToday != mDay;

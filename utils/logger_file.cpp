@@ -4,6 +4,8 @@
 
 #include <atomic>
 
+#include "utils/clock.h"
+#include "utils/log_format.h"
 #include "utils/log_recovery.h"
 #include "utils/log_writer.h"
 
@@ -53,7 +55,8 @@ class NamedLogHooks : public WriterOwner {
 
 }  // namespace logdetail
 
-LoggerFile::LoggerFile(const std::string& dir) : mDir(dir), mTimeTag(TimeTag(LocalNow())) {
+LoggerFile::LoggerFile(const std::string& dir)
+    : mDir(dir), mTimeTag(logformat::TimeTag(timing::LocalNow())) {
   init();
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <sstream>
 
+#include "utils/clock.h"
 #include "utils/diag.h"
 
 namespace zel {
@@ -11,12 +12,9 @@ namespace {
 
 constexpr auto kIdleWait = std::chrono::seconds(1);
 
-long long WallClockMs() {
-  using namespace std::chrono;
-  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() / 1000;
-}
+using timing::WallClockMs;
 
-bool IsDue(const Message& msg, long long now) { return msg.when < 0 || msg.when <= now; }
+bool IsDue(const Message& msg, long long now) { return timing::IsDue(msg.when, now); }
 
 }  // namespace
 
@@ -142,9 +140,7 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> msg) {
 }
 
 int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
-  // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
-  msg->when = static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
-                                     static_cast<unsigned long long>(delay_ms));
+  msg->when = timing::DueAfterWrapping(WallClockMs(), delay_ms);
   if (loop.IsCurrent()) {
     // From the loop thread: accepted even when stopped, and no wake-up (the
     // loop sees it on its next scan); locked, since other threads post too.

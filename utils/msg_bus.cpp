@@ -4,16 +4,15 @@
 #include <chrono>
 #include <future>
 
+#include "utils/clock.h"
+
 namespace zel {
 
 namespace {
 
-long long WallClockMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
+using timing::WallClockMs;
 
-bool IsDue(const BaseMsg& msg, long long now) { return msg.when < 0 || msg.when <= now; }
+bool IsDue(const BaseMsg& msg, long long now) { return timing::IsDue(msg.when, now); }
 
 bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg>& b) {
   return a->when < b->when;
@@ -86,10 +85,7 @@ int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg) {
 
 int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
   if (!msg) return -1;
-  // Unsigned arithmetic: an overflowing sum wraps instead of being undefined.
-  return Publish(std::move(msg),
-                 static_cast<long long>(static_cast<unsigned long long>(WallClockMs()) +
-                                        static_cast<unsigned long long>(delay)));
+  return Publish(std::move(msg), timing::DueAfterWrapping(WallClockMs(), delay));
 }
 
 int MsgBus::Publish(std::shared_ptr<BaseMsg> msg, long long when) {

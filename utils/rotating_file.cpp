@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "utils/log_format.h"
+
 namespace zel {
 namespace logdetail {
 
@@ -83,28 +85,6 @@ bool IsRegularFile(const char* path) {
   return stat(path, &st) == 0 && S_ISREG(st.st_mode);
 }
 
-struct tm LocalNow() {
-  const time_t now = time(nullptr);
-  struct tm local {};
-  // localtime_r: same result as localtime without re-reading the zone file on
-  // every call.
-  localtime_r(&now, &local);
-  return local;
-}
-
-std::string DateText(const struct tm& local) {
-  char text[32];
-  snprintf(text, sizeof(text), "%04d%02d%02d/", local.tm_year + 1900, local.tm_mon + 1,
-           local.tm_mday);
-  return text;
-}
-
-std::string TimeTag(const struct tm& local) {
-  char text[32];
-  snprintf(text, sizeof(text), "%02d%02d%02d", local.tm_hour, local.tm_min, local.tm_sec);
-  return text;
-}
-
 void MakeDirectoryChain(const std::string& dir) {
   if (IsDirectory(dir.c_str()) || dir.size() > kPathSize - 1) return;
   // One byte more than a path buffer: a 255-character directory still gets
@@ -167,13 +147,13 @@ void RotatingFile::RemoveExpired(const FileNaming& naming, uint8_t index, uint32
 
 std::string CurrentFileName(const FileNaming& naming) {
   char name[kPathSize];
-  FormatName(name, naming, "txt");
+  FormatName(name, naming, logformat::kCurrentSuffix);
   name[kPathSize - 1] = '\0';
   return name;
 }
 
 void RotatingFile::NameCurrent(const FileNaming& naming) {
-  Name(path, naming, "txt");
+  Name(path, naming, logformat::kCurrentSuffix);
   path[kPathSize - 1] = '\0';
 }
 

@@ -19,12 +19,6 @@ constexpr size_t kPathSize = 256;
 
 bool IsDirectory(const char* path);
 bool IsRegularFile(const char* path);
-// The local time now (localtime_r: the zone in force as of the last tzset).
-struct tm LocalNow();
-// "%04d%02d%02d/" of a local time.
-std::string DateText(const struct tm& local);
-// "%02d%02d%02d" of a local time.
-std::string TimeTag(const struct tm& local);
 // Creates every missing directory along `dir` (mkdir 0755), stopping with
 // "mkdir error,[%s]\n" at the first failure. Paths over 255 characters are left alone.
 void MakeDirectoryChain(const std::string& dir);

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <vector>
 
+#include "utils/log_format.h"
+
 namespace zel {
 namespace logdetail {
 
@@ -59,9 +61,9 @@ std::vector<std::string> NamesIn(const std::string& dir, bool (*wanted)(const st
 bool IsStagingName(const std::string& name) { return EndsWith(name, staging::kSuffix); }
 
 bool IsDayName(const std::string& name) {
-  return name.size() == 8 && std::all_of(name.begin(), name.end(), [](char c) {
-           return isdigit(static_cast<unsigned char>(c)) != 0;
-         });
+  return name.size() == logformat::kDayNameSize &&
+         std::all_of(name.begin(), name.end(),
+                     [](char c) { return isdigit(static_cast<unsigned char>(c)) != 0; });
 }
 
 }  // namespace

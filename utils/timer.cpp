@@ -1,29 +1,20 @@
 #include "utils/timer.h"
 
-#include <climits>
+#include "utils/clock.h"
 
 namespace zel {
 
 namespace {
 
-// Taken when the library is loaded.
-const std::chrono::steady_clock::time_point base_clock = std::chrono::steady_clock::now();
-
-// now + interval, held at LLONG_MAX instead of overflowing: a due time too
-// large to represent is never before now. (Now is never negative, so only a
-// positive interval can overflow.)
+// now + interval, held at LLONG_MAX: a due time too large to represent is
+// never before now.
 long long DueAfter(long long interval) {
-  long long due;
-  if (__builtin_add_overflow(TimerNowMs(), interval, &due)) due = LLONG_MAX;
-  return due;
+  return timing::DueAfterSaturating(TimerNowMs(), interval);
 }
 
 }  // namespace
 
-long long TimerNowMs() {
-  using namespace std::chrono;
-  return duration_cast<nanoseconds>(steady_clock::now() - base_clock).count() / 1000000;
-}
+long long TimerNowMs() { return timing::SteadyMsSinceLoad(); }
 
 Timer::Timer() : created(std::chrono::steady_clock::now()) {
   thread = std::make_unique<std::thread>(&Timer::Run, this);

@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "utils/clock.h"
 #include "utils/log_line.h"
 #include "utils/log_paths.h"
 #include "utils/logger.h"
@@ -18,12 +18,8 @@
 namespace zel {
 
 std::string getCurrentTimeString() {
-  using namespace std::chrono;
-  const long long micros =
-      duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-  const std::time_t seconds = static_cast<std::time_t>(micros / 1000000);
-  std::tm local{};
-  localtime_r(&seconds, &local);
+  const long long micros = timing::WallClockMicros();
+  const std::tm local = timing::LocalTimeAt(static_cast<std::time_t>(micros / 1000000)).local;
   std::ostringstream out;
   out << std::put_time(&local, "%Y-%m-%d-%H:%M:%S") << '.' << std::setw(3) << std::setfill('0')
       << (micros / 1000) % 1000;
@@ -47,7 +43,7 @@ std::atomic<zel::Logger*> gLogger{nullptr};
 __attribute__((noinline)) void FormatAndQueue(int level, int toBackends, const char* format,
                                               va_list args) {
   char line[kLineSize];
-  const long long micros = zel::logdetail::NowMicros();
+  const long long micros = zel::timing::WallClockMicros();
   // The seconds come from time(), the milliseconds from the clock read just
   // before: the two are not reconciled.
   const size_t prefixLen = zel::logdetail::FormatPrefix(line, micros, time(nullptr));

@@ -12,11 +12,12 @@
 #include <utility>
 
 #include "log_prefix.h"
+#include "utils/log_format.h"
 
 namespace zelctl {
 namespace {
 
-constexpr char kLogNamePrefix[] = "zel.log.";
+using zel::logformat::kLogFilePrefix;
 
 bool AllDigits(const std::string& text) {
   return !text.empty() &&
@@ -26,24 +27,26 @@ bool AllDigits(const std::string& text) {
 }  // namespace
 
 bool ParseLogFileName(const std::string& name, LogFileName* parsed) {
-  const size_t prefix_size = sizeof(kLogNamePrefix) - 1;
-  if (name.compare(0, prefix_size, kLogNamePrefix) != 0) return false;
+  const size_t prefix_size = sizeof(kLogFilePrefix) - 1;
+  if (name.compare(0, prefix_size, kLogFilePrefix) != 0) return false;
   const size_t last_dot = name.rfind('.');
   if (last_dot == std::string::npos || last_dot < prefix_size) return false;
   const std::string suffix = name.substr(last_dot + 1);
   LogFileName out;
-  if (suffix == "txt") {
+  if (suffix == zel::logformat::kCurrentSuffix) {
     out.current = true;
-  } else if (AllDigits(suffix) && suffix.size() <= 3 && std::atoi(suffix.c_str()) <= 255) {
+  } else if (AllDigits(suffix) && suffix.size() <= 3 &&
+             std::atoi(suffix.c_str()) <= static_cast<int>(zel::logformat::kLastRotation)) {
     out.rotation = static_cast<unsigned>(std::atoi(suffix.c_str()));
   } else {
     return false;
   }
   // ".hhmmss" before the suffix, and a non-empty tag before that.
-  if (last_dot < prefix_size + 8 || name[last_dot - 7] != '.') return false;
-  out.time_tag = name.substr(last_dot - 6, 6);
+  constexpr size_t kTag = zel::logformat::kTimeTagSize;
+  if (last_dot < prefix_size + kTag + 2 || name[last_dot - kTag - 1] != '.') return false;
+  out.time_tag = name.substr(last_dot - kTag, kTag);
   if (!AllDigits(out.time_tag)) return false;
-  out.tag = name.substr(prefix_size, last_dot - 7 - prefix_size);
+  out.tag = name.substr(prefix_size, last_dot - kTag - 1 - prefix_size);
   if (out.tag.empty()) return false;
   out.process = out.tag;
   const size_t dash = out.tag.rfind('-');
@@ -58,14 +61,7 @@ bool ParseLogFileName(const std::string& name, LogFileName* parsed) {
   return true;
 }
 
-std::string DefaultLogBase() {
-  std::string base = "/Users/";
-  if (const char* user = std::getenv("USER")) {
-    base += user;
-    base += "/Library/zel/";
-  }
-  return base;
-}
+std::string DefaultLogBase() { return zel::logformat::DefaultBase(std::getenv("USER")); }
 
 std::string DayText(int64_t day_number) {
   int year = 0, month = 0, day = 0;

@@ -1,4 +1,5 @@
-// Where the process log puts its files and what their names say:
+// Where the process log puts its files and what their names say (the
+// formats are the library's, utils/log_format.h):
 //   <base>YYYYMMDD/zel.log.<process>-<pid>.<hhmmss>.txt   (current)
 //   <base>YYYYMMDD/zel.log.<process>-<pid>.<hhmmss>.<n>   (rotated, n = 0..255)
 #pragma once

@@ -1,7 +1,11 @@
 #include "log_prefix.h"
 
+#include "utils/log_format.h"
+
 namespace zelctl {
 namespace {
+
+namespace format = zel::logformat;
 
 inline bool IsDigit(char c) { return static_cast<unsigned char>(c - '0') < 10; }
 inline int DigitAt(const char* p) { return *p - '0'; }
@@ -27,17 +31,21 @@ inline int OneOrTwoDigits(const char* line, size_t size, size_t* i) {
 
 bool ParseLinePrefix(const char* line, size_t size, PrefixTime* time) {
   // The shortest stamp: "[1-1 00:00:00.000]".
-  if (size < 18 || line[0] != '[') return false;
+  if (size < 18 || line[0] != format::kStampOpen) return false;
   size_t i = 1;
   const int month = OneOrTwoDigits(line, size, &i);
-  if (month < 1 || month > 12 || i >= size || line[i] != '-') return false;
+  if (month < 1 || month > 12 || i >= size || line[i] != format::kMonthDaySeparator) return false;
   ++i;
   const int day = OneOrTwoDigits(line, size, &i);
   if (day < 1 || day > 31) return false;
   // " hh:mm:ss.mmm]" follows: 14 characters.
   if (size - i < 14) return false;
   const char* p = line + i;
-  if (p[0] != ' ' || p[3] != ':' || p[6] != ':' || p[9] != '.' || p[13] != ']') return false;
+  if (p[0] != format::kDateTimeSeparator || p[3] != format::kTimeSeparator ||
+      p[6] != format::kTimeSeparator || p[9] != format::kMillisSeparator ||
+      p[13] != format::kStampClose) {
+    return false;
+  }
   const int hour = TwoDigits(p + 1), minute = TwoDigits(p + 4), second = TwoDigits(p + 7);
   if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 60) {
     return false;

@@ -1,6 +1,7 @@
 // The time stamp at the start of a process log line, "[M-D hh:mm:ss.mmm]"
-// (month and day without padding, then "[tid:N] " and the text), and the
-// calendar arithmetic that turns it into a sortable key.
+// (month and day without padding, then "[tid:N] " and the text: the layout
+// is the library's, utils/log_format.h), and the calendar arithmetic that
+// turns it into a sortable key.
 #pragma once
 
 #include <cstddef>
