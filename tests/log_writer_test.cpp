@@ -266,13 +266,19 @@ TEST(ForkedChild, DestroyingItsCopyOfANamedLogLeavesTheParentsAlone) {
   std::optional<zel::LoggerFile> file;
   file.emplace(dir.path());
   file->Log("before\n");
+  // The writer is idle now, waiting on its condition variable: in the child
+  // that wait never ends, so nothing there may destroy what it waits on.
+  ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 1; }));
   const pid_t child = fork();
   if (child == 0) {
     file.reset();  // no writer thread here to wait for, no staging file to remove
     exit(0);
   }
   int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
+  const bool ended = zeltest::WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; },
+                                      std::chrono::seconds(20));
+  if (!ended) kill(child, SIGKILL);
+  ASSERT_TRUE(ended) << "the child hung destroying its copy";
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(1u, StagingFilesBelow(dir.path()).size());
   file->Log("after\n");

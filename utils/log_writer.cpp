@@ -156,15 +156,18 @@ LogWriter::LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, Wri
   Writers().writers.push_back(this);
 }
 
+void LogWriter::Dispose(std::unique_ptr<LogWriter> writer) {
+  if (writer && writer->orphaned) (void)writer.release();
+}
+
 LogWriter::~LogWriter() {
   {
     std::lock_guard<std::mutex> lock(Writers().mutex);
     auto& writers = Writers().writers;
     writers.erase(std::find(writers.begin(), writers.end(), this));
   }
-  if (orphaned || abandoned) {
-    // Its thread is gone (a forked child) or stuck (given up at exit):
-    // neither waited for nor joined.
+  if (abandoned) {
+    // Its thread is stuck (given up at exit): neither waited for nor joined.
     (void)looper.release();
     return;
   }

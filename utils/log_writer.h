@@ -84,8 +84,14 @@ class LogWriter {
             std::unique_ptr<StagingArea> staging);
   // Writes what is staged (giving up after kDrainLimit, with a line on
   // stdout), stops the writer thread, and removes the staging file once
-  // everything is on disk. In a forked child, touches nothing of the parent's.
+  // everything is on disk. Owners end a writer through Dispose.
   ~LogWriter();
+
+  // Ends `writer` as its destructor does; in a forked child (where the
+  // writer thread does not exist and may have been waiting on the writer's
+  // condition variables, which could then never be destroyed) leaves it
+  // alone instead. Owner only.
+  static void Dispose(std::unique_ptr<LogWriter> writer);
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 

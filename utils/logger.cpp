@@ -94,7 +94,7 @@ std::string BuildLogPath(const std::string& sub) {
 Logger::Logger() { init(); }
 
 Logger::~Logger() {
-  mWriter.reset();  // writes what is staged first
+  LogWriter::Dispose(std::move(mWriter));  // writes what is staged first
   if (mFp != nullptr) fclose(mFp);
 }
 
@@ -119,6 +119,7 @@ int Logger::init() {
   const std::string base = LogBase();
   auto staging = std::make_unique<StagingArea>(StagingPath(mLogDir, mProcTag), staging::kProcessLog,
                                                get_process_name(), kStagingSizes);
+  LogWriter::Dispose(std::move(mWriter));  // a second init's predecessor
   mWriter = std::make_unique<LogWriter>(std::make_unique<ProcessLogHooks>(*this), sCurFile,
                                         WriterRules{556, 333, mMaxFileSize, mMaxFileCount},
                                         std::move(staging));

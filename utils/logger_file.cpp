@@ -61,7 +61,7 @@ LoggerFile::LoggerFile(const std::string& dir)
 }
 
 LoggerFile::~LoggerFile() {
-  mWriter.reset();  // writes what is staged first
+  LogWriter::Dispose(std::move(mWriter));  // writes what is staged first
   // Once the writer is stopped: a destroyed named log keeps no descriptor.
   mCurFile.Close();
   if (mFp != nullptr) fclose(mFp);
@@ -74,6 +74,7 @@ int LoggerFile::init() {
   mFileMode = true;
   auto staging = std::make_unique<StagingArea>(mDir + StagingName(mName), staging::kNamedLog, "",
                                                kStagingSizes);
+  LogWriter::Dispose(std::move(mWriter));  // a second init's predecessor
   mWriter = std::make_unique<LogWriter>(std::make_unique<NamedLogHooks>(*this), mCurFile,
                                         WriterRules{328, 201, mMaxFileSize, mMaxFileCount},
                                         std::move(staging));
