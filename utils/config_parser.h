@@ -1,4 +1,7 @@
 /// @file
+/// The layout of ConfigParser is ABI: clients allocate these objects, so their size and the places
+/// of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Typed reading of an INI-style key file (groups of key=value lines).
 ///
 /// Read-mostly: the only write is in memory (SetValuesByString); nothing is

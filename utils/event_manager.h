@@ -1,4 +1,7 @@
 /// @file
+/// The layout of EventManager is ABI: clients allocate these objects, so their size and the places
+/// of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Process-wide table of named events. Code registers plain C callbacks (each
 /// with a context pointer) under a name; any thread sends an event by name, and
 /// one event thread calls that name's callbacks, one at a time, in registration

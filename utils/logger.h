@@ -1,4 +1,7 @@
 /// @file
+/// The layout of LogInfo and Logger is ABI: clients allocate these objects, so their size and the
+/// places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// The process log: one Logger per process, written by its own loop thread.
 ///
 /// Callers on any thread hand finished lines to Log(); the Logger's Looper

@@ -1,4 +1,7 @@
 /// @file
+/// The layout of LoggerFile is ABI: clients allocate these objects, so their size and the places of
+/// their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// A named log file: the process log's writer, size rotation and clean-up,
 /// without date directories, process tag or sinks.
 ///

@@ -1,4 +1,8 @@
 /// @file
+/// The layout of LoopThread (held by value by Looper and MsgBus) is ABI: clients allocate these
+/// objects, so their size and the places of their public members stay (abi/libzel_utils.abi;
+/// docs/architecture.md).
+///
 /// The one thread behind a Looper or a MsgBus, and the start/stop rules the
 /// two share. Used by those classes only; installed because their headers
 /// hold one by value (its size is part of theirs: ABI).

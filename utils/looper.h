@@ -1,4 +1,8 @@
 /// @file
+/// The layout of Message, HandlerMessage, Handler, InerTaskMessage and Looper is ABI: clients
+/// allocate these objects, so their size and the places of their public members stay
+/// (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Single-thread message loop and the messages that travel through it.
 ///
 /// A Looper owns one thread (started by Start) that runs posted messages one

@@ -1,4 +1,7 @@
 /// @file
+/// The layout of BaseMsg and MsgBus is ABI: clients allocate these objects, so their size and the
+/// places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Publish/subscribe bus: any thread publishes a shared message, now or after a
 /// delay, and one bus thread hands each message, once due, to every live
 /// subscriber of its type. Each delivery runs on a fresh thread of its own that

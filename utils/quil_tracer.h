@@ -1,4 +1,7 @@
 /// @file
+/// The layout of QuilTracer is ABI: clients allocate these objects, so their size and the places of
+/// their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// The backend and hooks of the observability service. This library does not
 /// implement that service: every operation here is inert and keeps no state.
 #pragma once

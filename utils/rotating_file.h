@@ -1,4 +1,8 @@
 /// @file
+/// The layout of RotatingFile (held by value by LoggerFile) is ABI: clients allocate these objects,
+/// so their size and the places of their public members stay (abi/libzel_utils.abi;
+/// docs/architecture.md).
+///
 /// The file a log writer appends to, and the rotation by which the process log
 /// (Logger) and named logs (LoggerFile) move it aside and clean up after it.
 /// Internal to those two classes; installed because LoggerFile holds one.

@@ -1,4 +1,7 @@
 /// @file
+/// The layout of Timer and TimerMsg is ABI: clients allocate these objects, so their size and the
+/// places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Timer: a self-contained timer service. Each Timer owns one thread that
 /// every 100 ms fires the timers whose due time has passed, calling
 /// callback(id, user_data) on that thread, outside the lock.

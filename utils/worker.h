@@ -1,4 +1,7 @@
 /// @file
+/// The layout of Worker and WorkerMessage is ABI: clients allocate these objects, so their size and
+/// the places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// Worker: runs closures on the thread of a Looper that its owner supplies,
 /// starts and stops. It has no thread of its own.
 #pragma once

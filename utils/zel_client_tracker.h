@@ -1,4 +1,7 @@
 /// @file
+/// The layout of ZelClientTracker is ABI: clients allocate these objects, so their size and the
+/// places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// The working trace backend: forwards every record to the client's tracing
 /// library (class Tracer). Registered by the client with
 /// ZelTracer::RegisterBackend and owned by it; unregister before destroying.

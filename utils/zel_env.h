@@ -1,4 +1,7 @@
 /// @file
+/// The layout of ZelEnv is ABI: clients allocate these objects, so their size and the places of
+/// their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// ZelEnv: a process-wide table of named settings shared by every user of the
 /// library (the tracer reads "desktopId" and "imageVersion" from it). It is not
 /// the operating-system environment and starts empty. Thread-safe.

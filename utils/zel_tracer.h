@@ -1,4 +1,7 @@
 /// @file
+/// The layout of the tracer's classes is ABI: clients allocate these objects, so their size and the
+/// places of their public members stay (abi/libzel_utils.abi; docs/architecture.md).
+///
 /// The process-wide tracer: it owns the process's trace and span ids, builds
 /// trace records from caller data and a process context, and hands every
 /// record to the registered backends in registration order. It sends nothing
