@@ -1,2 +1,2 @@
 # The recovery reader is an internal unit: from its static library.
-target_link_libraries(${target} PRIVATE zel::log_units)
+target_link_libraries(${target} PRIVATE zel::internal_units)
