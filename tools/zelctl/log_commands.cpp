@@ -1,12 +1,14 @@
 #include "log_commands.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <map>
 #include <memory>
 #include <tuple>
@@ -259,6 +261,20 @@ void LogsSession::Rescan() {
   if (added) ReorderStreams();
 }
 
+// Every stream keeps its file open while it is merged: the soft limit on
+// open files (often 1,024) would cut a day of many processes short, so it
+// goes up to the hard limit.
+void RaiseOpenFileLimit() {
+  struct rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+#if defined(__APPLE__)
+  // macOS refuses more than OPEN_MAX for a process, whatever the hard limit says.
+  if (limit.rlim_cur > OPEN_MAX) limit.rlim_cur = OPEN_MAX;
+#endif
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 void SleepMs(long ms) {
   struct timespec pause = {ms / 1000, (ms % 1000) * 1000000L};
   nanosleep(&pause, nullptr);  // a stop signal cuts it short
@@ -354,6 +370,7 @@ int RunLogs(const LogsOptions& options) {
   const std::string dir = DayDirectory(base, day_number);
   // A reader that goes away (`| head`) ends the output, not the process by signal.
   signal(SIGPIPE, SIG_IGN);
+  RaiseOpenFileLimit();
   OutputBuffer out(1);
   LogsSession session(options, filter, &out);
   const int error = session.AddDay(dir, day_number, options.follow);

@@ -2,6 +2,7 @@
 // directories under a temporary base.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -107,6 +108,27 @@ TEST(Logs, LinesADeadProcessLeftUnwrittenAreInTheTimelineMarkedAndNothingIsWritt
   EXPECT_EQ(staged, zelctltest::ReadFile(f.dir + "zel.agent-10.0.stage"));
   EXPECT_EQ(LogLine("10:00:00.000", "a0") + LogLine("10:00:02.000", "a2"),
             zelctltest::ReadFile(target));
+}
+
+TEST(Logs, MoreStreamsThanTheUsualLimitOfOpenFilesAreAllMerged) {
+  constexpr int kStreams = 1500;
+  rlimit limit = {};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+  if (limit.rlim_max < kStreams + 64) GTEST_SKIP() << "the hard limit is below the test's streams";
+  limit.rlim_cur = 1024;  // the common soft limit; the tool inherits it
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+  DayFixture f;
+  for (int i = 0; i < kStreams; ++i) {
+    const std::string pid = std::to_string(100000 + i);
+    f.Write("zel.log.p-" + pid + ".090000.txt", LogLine("10:00:00.000", "p" + pid + " one") +
+                                                    LogLine("10:00:01.000", "p" + pid + " two"));
+  }
+  const ToolResult r = RunTool(f.Base());
+  ASSERT_EQ(0, r.exit_code) << r.err;
+  const std::vector<std::string> lines = Lines(r.out);
+  ASSERT_EQ(static_cast<size_t>(2 * kStreams), lines.size());
+  EXPECT_NE(std::string::npos, lines.front().find("p100000 one"));
+  EXPECT_NE(std::string::npos, lines[kStreams].find("p100000 two"));
 }
 
 TEST(Logs, EqualTimeStampsGoByProcessNameThenPidThenTimeTag) {
