@@ -6,13 +6,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/sync.h"
 // Interposed for this program (definition at the end): while set,
 // notify_one of every condition variable does nothing, as if the
 // notification had been lost.
@@ -24,27 +24,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // What the callbacks did, in call order.
-class CallLog {
- public:
-  void Add(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(entry);
-    cond_.notify_all();
-  }
-  bool WaitForCount(size_t n, std::chrono::milliseconds timeout = 5s) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [&] { return calls_.size() >= n; });
-  }
-  std::vector<std::string> Calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<std::string> calls_;
-};
+using CallLog = zeltest::Collected<std::string>;
 
 // The context word handed to a callback: where to record, under which label.
 struct Tag {
@@ -63,29 +43,15 @@ void RecordToo(void* arg) {
   tag->log->Add(tag->label + "'");
 }
 
-// Holds the event thread inside a callback until Open(), so that later
-// sendings pile up in the queue.
-class Gate {
- public:
-  static void Block(void* arg) {
-    auto* gate = static_cast<Gate*>(arg);
-    gate->entered_.set_value();
-    gate->opened_.wait();
-  }
-  // Registers the blocking callback under "gate", sends it and waits until
-  // the event thread is inside it.
-  void Close() {
-    zel::EventManager::getInstance().registerEvent("gate", &Gate::Block, this);
-    zel::EventManager::getInstance().sendEvent("gate");
-    entered_.get_future().wait();
-  }
-  void Open() { open_.set_value(); }
-
- private:
-  std::promise<void> open_;
-  std::shared_future<void> opened_{open_.get_future().share()};
-  std::promise<void> entered_;
-};
+// Holds the event thread inside a callback registered under "gate" until
+// gate.Open(), so that later sendings pile up in the queue; returns once the
+// event thread is inside it.
+void HoldEventThread(zeltest::HoldingGate& gate) {
+  zel::EventManager::getInstance().registerEvent(
+      "gate", [](void* arg) { static_cast<zeltest::HoldingGate*>(arg)->Hold(); }, &gate);
+  zel::EventManager::getInstance().sendEvent("gate");
+  gate.WaitEntered();
+}
 
 zel::EventManager& Events() { return zel::EventManager::getInstance(); }
 
@@ -99,10 +65,10 @@ TEST(EventManager, SendEventOfUnknownNameDoesNothing) {
   Events().registerEvent("known", &Record, &tag);
   Events().sendEvent("unknown");
   std::this_thread::sleep_for(200ms);
-  EXPECT_TRUE(log.Calls().empty());
+  EXPECT_TRUE(log.All().empty());
   Events().sendEvent("known");
   ASSERT_TRUE(log.WaitForCount(1));
-  EXPECT_EQ((std::vector<std::string>{"known"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"known"}), log.All());
 }
 
 TEST(EventManager, CallbacksRunInRegistrationOrderWithTheirArguments) {
@@ -113,7 +79,7 @@ TEST(EventManager, CallbacksRunInRegistrationOrderWithTheirArguments) {
   Events().registerEvent("e", &Record, &c);
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(3));
-  EXPECT_EQ((std::vector<std::string>{"a", "b'", "c"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"a", "b'", "c"}), log.All());
 }
 
 TEST(EventManager, SameFunctionWithTwoArgumentsIsCalledTwicePerSending) {
@@ -123,7 +89,7 @@ TEST(EventManager, SameFunctionWithTwoArgumentsIsCalledTwicePerSending) {
   Events().registerEvent("e", &Record, &second);
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(2));
-  EXPECT_EQ((std::vector<std::string>{"first", "second"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"first", "second"}), log.All());
 }
 
 TEST(EventManager, DuplicatePairIsCalledOncePerAppearance) {
@@ -134,7 +100,7 @@ TEST(EventManager, DuplicatePairIsCalledOncePerAppearance) {
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(2));
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ((std::vector<std::string>{"dup", "dup"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"dup", "dup"}), log.All());
 }
 
 TEST(EventManager, UnregisterRemovesEveryPairOfThatFunctionWhateverItsArgument) {
@@ -147,7 +113,7 @@ TEST(EventManager, UnregisterRemovesEveryPairOfThatFunctionWhateverItsArgument) 
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(1));
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ((std::vector<std::string>{"other'"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"other'"}), log.All());
 }
 
 TEST(EventManager, UnregisterOfUnknownNameOrFunctionChangesNothing) {
@@ -158,7 +124,7 @@ TEST(EventManager, UnregisterOfUnknownNameOrFunctionChangesNothing) {
   Events().unregisterEvent("e", &RecordToo);
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(1));
-  EXPECT_EQ((std::vector<std::string>{"kept"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"kept"}), log.All());
 }
 
 TEST(EventManager, AfterLastUnregisterNameIsUnknownAndStartsAFreshList) {
@@ -168,24 +134,24 @@ TEST(EventManager, AfterLastUnregisterNameIsUnknownAndStartsAFreshList) {
   Events().unregisterEvent("e", &Record);
   Events().sendEvent("e");
   std::this_thread::sleep_for(200ms);
-  EXPECT_TRUE(log.Calls().empty());
+  EXPECT_TRUE(log.All().empty());
 
   Events().registerEvent("e", &RecordToo, &new_tag);
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(1));
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ((std::vector<std::string>{"new'"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"new'"}), log.All());
 }
 
 TEST(EventManager, SendEventReturnsWithoutWaitingForCallbacks) {
-  Gate gate;
-  gate.Close();
+  zeltest::HoldingGate gate;
+  HoldEventThread(gate);
   // The event thread is held inside the gate callback; sending does not wait for it.
   CallLog log;
   Tag tag{&log, "queued"};
   Events().registerEvent("e", &Record, &tag);
   Events().sendEvent("e");
-  EXPECT_TRUE(log.Calls().empty());
+  EXPECT_TRUE(log.All().empty());
   gate.Open();
   ASSERT_TRUE(log.WaitForCount(1));
 }
@@ -218,14 +184,12 @@ TEST(EventManager, CallbacksRunOnTheEventThreadOneAtATime) {
     sender_ids.push_back(senders.back().get_id());
   }
   for (auto& t : senders) t.join();
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (std::chrono::steady_clock::now() < deadline) {
-    {
-      std::lock_guard<std::mutex> lock(probe.mutex);
-      if (probe.threads.size() >= kSenders * kSends) break;
-    }
-    std::this_thread::sleep_for(10ms);
-  }
+  zeltest::WaitUntil(
+      [&] {
+        std::lock_guard<std::mutex> lock(probe.mutex);
+        return probe.threads.size() >= kSenders * kSends;
+      },
+      10s, 10ms);
 
   std::lock_guard<std::mutex> lock(probe.mutex);
   ASSERT_EQ(static_cast<size_t>(kSenders * kSends), probe.threads.size());
@@ -238,8 +202,8 @@ TEST(EventManager, CallbacksRunOnTheEventThreadOneAtATime) {
 }
 
 TEST(EventManager, CallbackUnregisteredAfterSendingIsStillCalledForThatSending) {
-  Gate gate;
-  gate.Close();
+  zeltest::HoldingGate gate;
+  HoldEventThread(gate);
   CallLog log;
   Tag tag{&log, "late"};
   Events().registerEvent("e", &Record, &tag);
@@ -249,12 +213,12 @@ TEST(EventManager, CallbackUnregisteredAfterSendingIsStillCalledForThatSending) 
   ASSERT_TRUE(log.WaitForCount(1));
   Events().sendEvent("e");
   std::this_thread::sleep_for(200ms);
-  EXPECT_EQ((std::vector<std::string>{"late"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"late"}), log.All());
 }
 
 TEST(EventManager, CallbackRegisteredAfterSendingIsNotCalledForIt) {
-  Gate gate;
-  gate.Close();
+  zeltest::HoldingGate gate;
+  HoldEventThread(gate);
   CallLog log;
   Tag early{&log, "early"}, late{&log, "late"};
   Events().registerEvent("e", &Record, &early);
@@ -263,16 +227,16 @@ TEST(EventManager, CallbackRegisteredAfterSendingIsNotCalledForIt) {
   gate.Open();
   ASSERT_TRUE(log.WaitForCount(1));
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ((std::vector<std::string>{"early"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"early"}), log.All());
 
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(3));
-  EXPECT_EQ((std::vector<std::string>{"early", "early", "late"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"early", "early", "late"}), log.All());
 }
 
 TEST(EventManager, SendingTwiceCallsAllOfTheFirstSendingThenAllOfTheSecond) {
-  Gate gate;
-  gate.Close();
+  zeltest::HoldingGate gate;
+  HoldEventThread(gate);
   CallLog log;
   Tag a{&log, "a"}, b{&log, "b"};
   Events().registerEvent("e", &Record, &a);
@@ -281,7 +245,7 @@ TEST(EventManager, SendingTwiceCallsAllOfTheFirstSendingThenAllOfTheSecond) {
   Events().sendEvent("e");
   gate.Open();
   ASSERT_TRUE(log.WaitForCount(4));
-  EXPECT_EQ((std::vector<std::string>{"a", "b", "a", "b"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"a", "b", "a", "b"}), log.All());
 }
 
 // Context of a callback that sends another event from the event thread.
@@ -308,8 +272,7 @@ TEST(EventManager, EventSentFromACallbackRunsAfterItAndAfterWhatWasQueued) {
   Events().registerEvent("second", &Record, &second);
   Events().sendEvent("first");
   ASSERT_TRUE(log.WaitForCount(4));
-  EXPECT_EQ((std::vector<std::string>{"relay start", "relay end", "queued", "second"}),
-            log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"relay start", "relay end", "queued", "second"}), log.All());
 }
 
 // Context of a callback that changes the table from the event thread.
@@ -335,7 +298,7 @@ TEST(EventManager, CallbackMayRegisterAndUnregister) {
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(2));
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ((std::vector<std::string>{"rewire", "added"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"rewire", "added"}), log.All());
 }
 
 TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
@@ -347,15 +310,15 @@ TEST(EventManager, EventsSentAfterStopAreNeverCalled) {
   Events().stop();
   Events().sendEvent("e");
   std::this_thread::sleep_for(300ms);
-  EXPECT_EQ((std::vector<std::string>{"e"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"e"}), log.All());
   // The process then exits with the sending still queued, never calling it.
 }
 
 TEST(EventManager, StopWhileCallbacksAreQueuedNeverCallsThem) {
   CallLog log;
   Tag tag{&log, "e"};
-  Gate gate;
-  gate.Close();  // the event thread is inside a callback now
+  zeltest::HoldingGate gate;
+  HoldEventThread(gate);  // the event thread is inside a callback now
   Events().registerEvent("e", &Record, &tag);
   Events().sendEvent("e");
   Events().sendEvent("e");
@@ -364,7 +327,7 @@ TEST(EventManager, StopWhileCallbacksAreQueuedNeverCallsThem) {
   gate.Open();
   stopper.join();
   std::this_thread::sleep_for(100ms);
-  EXPECT_TRUE(log.Calls().empty());
+  EXPECT_TRUE(log.All().empty());
 }
 
 void Throw(void*) { throw std::runtime_error("callback failed"); }
@@ -394,9 +357,7 @@ TEST(EventManager, StopWhoseNotificationIsLostStillEndsTheEventThread) {
     Events().stop();
     *stopped = true;
   }).detach();
-  const auto start = std::chrono::steady_clock::now();
-  while (!*stopped && std::chrono::steady_clock::now() - start < 5s)
-    std::this_thread::sleep_for(5ms);
+  zeltest::WaitUntil([&] { return stopped->load(); }, 5s, 5ms);
   gLoseNotifications = false;
   EXPECT_TRUE(stopped->load()) << "stop() still waits for the event thread";
   while (!*stopped) {  // let a hung stop() finish, so the process can exit
@@ -416,12 +377,12 @@ TEST(EventManager, ATableOfItsOwnHasItsOwnEventThreadAndStopsWhenDestroyed) {
     Events().registerEvent("e", &RecordToo, &shared);
     table.sendEvent("e");
     ASSERT_TRUE(log.WaitForCount(1));
-    EXPECT_EQ((std::vector<std::string>{"own"}), log.Calls());  // tables do not share names
+    EXPECT_EQ((std::vector<std::string>{"own"}), log.All());  // tables do not share names
   }
   // Destroyed: its thread was joined, and the process-wide table still works.
   Events().sendEvent("e");
   ASSERT_TRUE(log.WaitForCount(2));
-  EXPECT_EQ((std::vector<std::string>{"own", "shared'"}), log.Calls());
+  EXPECT_EQ((std::vector<std::string>{"own", "shared'"}), log.All());
 }
 
 TEST(EventManager, SecondStopReturnsAtOnce) {

@@ -19,8 +19,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/clock.h"
 #include "support/diag_capture.h"
 #include "support/start_stop_race.h"
+#include "support/sync.h"
 #include "utils/timer.h"
 
 // Interposed for this program (definition at the end): while set, every
@@ -33,34 +35,10 @@ timespec gFrozenWallClock{};
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-long long MsSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-long long WallMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
-
-// A one-shot gate a test opens once.
-class Gate {
- public:
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cond_.notify_all();
-  }
-  bool WaitFor(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, limit, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool open_ = false;
-};
+using zeltest::Gate;
+using zeltest::MsSince;
+using zeltest::WaitUntil;
+using zeltest::WallMs;
 
 // Records runs and destructions, so a test can tell run/dropped/leaked apart.
 struct Tally {
@@ -100,22 +78,7 @@ class FnMessage : public zel::Message {
 // Waits until a Stop from another thread has marked `looper` stopped, seen
 // as the refusal of an empty probe message (accepted probes run as no-ops).
 bool WaitUntilPostsAreRefused(zel::Looper& looper) {
-  const auto start = Clock::now();
-  while (looper.PostMessageAAA(std::make_unique<FnMessage>([] {})) == 0) {
-    if (MsSince(start) > 10000) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// Polls `done` for up to 10 s; the result of the last poll.
-bool WaitUntil(const std::function<bool()>& done) {
-  const auto start = Clock::now();
-  while (!done()) {
-    if (MsSince(start) > 10000) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return WaitUntil([&] { return looper.PostMessageAAA(std::make_unique<FnMessage>([] {})) != 0; });
 }
 
 // Runs `fn` on the loop and waits until it has run.
@@ -510,10 +473,8 @@ TEST(Looper, MessageStoppingItsOwnLooperDetachesAndDropsTheRestOfItsBatch) {
   ASSERT_EQ(0, looper.PostMessageAAA(Counting(&tally)));
   release.Open();
 
-  const auto start = Clock::now();
-  while (zeltest::DiagCapture::Count("looper process exit") == 0 && MsSince(start) < 10000) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  WaitUntil([] { return zeltest::DiagCapture::Count("looper process exit") > 0; },
+            zeltest::kWaitLimit, std::chrono::milliseconds(10));
   ASSERT_EQ(1u, zeltest::DiagCapture::Count("looper process exit"));
   EXPECT_EQ(0, stopResult.load());
   EXPECT_EQ(0, postFromLoopResult.load());
@@ -541,10 +502,8 @@ TEST(Looper, StopTwiceFromItsOwnThreadReturnsZeroBothTimesAndPrintsNothing) {
     first = looper.Stop();
     second = looper.Stop();  // the loop thread never asks "already stopped?"
   })));
-  const auto start = Clock::now();
-  while (zeltest::DiagCapture::Count("looper process exit") == 0 && MsSince(start) < 10000) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  WaitUntil([] { return zeltest::DiagCapture::Count("looper process exit") > 0; },
+            zeltest::kWaitLimit, std::chrono::milliseconds(10));
   EXPECT_EQ("", testing::internal::GetCapturedStdout());
   EXPECT_EQ(0, first.load());
   EXPECT_EQ(0, second.load());
@@ -1087,12 +1046,9 @@ TEST(Looper, ConcurrentPostersAcrossStopsAndRestartsRunNothingTwiceAndLeakNothin
         // machine may not schedule it at all in 2 ms), so that the stops
         // land in the middle of batches.
         const int ranBefore = ranTotal.load();
-        const auto cycleStart = Clock::now();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        while (ranTotal.load() == ranBefore && postersDone < kPosters &&
-               MsSince(cycleStart) < 1000) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        WaitUntil([&] { return ranTotal.load() != ranBefore || postersDone >= kPosters; },
+                  std::chrono::milliseconds(1000));
         looper.Stop();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         looper.Start();

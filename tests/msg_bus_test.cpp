@@ -6,17 +6,17 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "support/clock.h"
 #include "support/start_stop_race.h"
+#include "support/sync.h"
 
 namespace {
 
@@ -25,10 +25,9 @@ using namespace std::chrono_literals;
 constexpr int kType = 1;
 constexpr int kOtherType = 2;
 
-long long WallMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
+using zeltest::HoldingGate;
+using zeltest::WaitUntil;
+using zeltest::WallMs;
 
 // A message with an id. `on_destroy` runs in the destructor, which happens on
 // the bus thread when the bus held the last reference.
@@ -51,31 +50,13 @@ struct Delivery {
 };
 
 // Every delivery seen by the subscribers of one test, in arrival order.
-class DeliveryLog {
+class DeliveryLog : public zeltest::Collected<Delivery> {
  public:
-  void Add(Delivery d) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    deliveries_.push_back(std::move(d));
-    cond_.notify_all();
-  }
-  bool WaitForCount(size_t n, std::chrono::milliseconds timeout = 10s) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [&] { return deliveries_.size() >= n; });
-  }
-  std::vector<Delivery> All() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return deliveries_;
-  }
   std::vector<std::string> Names() {
     std::vector<std::string> out;
     for (const auto& d : All()) out.push_back(d.subscriber + ":" + std::to_string(d.id));
     return out;
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<Delivery> deliveries_;
 };
 
 // Records each delivery in a DeliveryLog; `during` runs first, inside OnMsg.
@@ -101,31 +82,13 @@ std::shared_ptr<Recorder> MakeRecorder(const std::string& name, DeliveryLog& log
   return std::make_shared<Recorder>(name, log, std::move(during));
 }
 
-// Holds the bus thread inside a delivery until Open() is called, so that
-// later publications pile up in the queue.
-class Gate {
- public:
-  Gate() : opened_(open_.get_future().share()) {}
-  std::function<void()> Wait() {
-    return [this] {
-      entered_.set_value();
-      opened_.wait();
-    };
-  }
-  void WaitEntered() { entered_.get_future().wait(); }
-  void Open() { open_.set_value(); }
-
- private:
-  std::promise<void> open_;
-  std::shared_future<void> opened_;
-  std::promise<void> entered_;
-};
-
 constexpr int kGateType = 99;
 constexpr int kGateId = -1;
 
-// Starts a delivery that blocks the bus thread until gate.Open().
-void BlockBus(zel::MsgBus& bus, Gate& gate) {
+// Starts a delivery that holds the bus thread (a subscriber of kGateType
+// whose body is gate.Holder()) until gate.Open(), so that later publications
+// pile up in the queue.
+void BlockBus(zel::MsgBus& bus, HoldingGate& gate) {
   ASSERT_EQ(0, bus.PublishMsg(std::make_shared<TestMsg>(kGateType, kGateId)));
   gate.WaitEntered();
 }
@@ -331,8 +294,8 @@ TEST(MsgBus, NegativeWhenIsDueAtOnce) {
   zel::MsgBus bus;
   bus.Subscribe(kType, sub);
   ASSERT_EQ(0, bus.Start());
-  Gate gate;
-  auto gate_sub = MakeRecorder("gate", log, gate.Wait());
+  HoldingGate gate;
+  auto gate_sub = MakeRecorder("gate", log, gate.Holder());
   bus.Subscribe(kGateType, gate_sub);
   BlockBus(bus, gate);
 
@@ -631,12 +594,7 @@ TEST(MsgBus, BusThreadDelayedPublicationIsDeliveredWhenDue) {
 // Waits until a Stop from another thread has marked `bus` stopped, seen as
 // the refusal of a probe publication.
 bool WaitUntilPublicationsAreRefused(zel::MsgBus& bus) {
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (bus.PublishMsg(std::make_shared<TestMsg>(kOtherType)) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
+  return WaitUntil([&] { return bus.PublishMsg(std::make_shared<TestMsg>(kOtherType)) != 0; });
 }
 
 TEST(MsgBus, StartAfterItStoppedItselfReturnsAtOnceAndTheNewThreadDeliversTheOldBatch) {
@@ -644,8 +602,8 @@ TEST(MsgBus, StartAfterItStoppedItselfReturnsAtOnceAndTheNewThreadDeliversTheOld
   auto sub = MakeRecorder("s", log);
   zel::MsgBus bus;
   bus.Subscribe(kType, sub);
-  Gate gate;
-  auto gateSub = MakeRecorder("gate", log, gate.Wait());
+  HoldingGate gate;
+  auto gateSub = MakeRecorder("gate", log, gate.Holder());
   bus.Subscribe(kGateType, gateSub);
   ASSERT_EQ(0, bus.Start());
   BlockBus(bus, gate);
@@ -743,8 +701,8 @@ TEST(MsgBus, DestroyedByAMessageItReleasesItsThreadLeavesWithoutTouchingIt) {
   std::atomic<int> released{0};
   auto* bus = new zel::MsgBus();
   DeliveryLog log;
-  Gate gate;
-  auto gateSub = MakeRecorder("gate", log, gate.Wait());
+  HoldingGate gate;
+  auto gateSub = MakeRecorder("gate", log, gate.Holder());
   bus->Subscribe(kGateType, gateSub);
   ASSERT_EQ(0, bus->Start());
   BlockBus(*bus, gate);
@@ -757,10 +715,7 @@ TEST(MsgBus, DestroyedByAMessageItReleasesItsThreadLeavesWithoutTouchingIt) {
   ASSERT_EQ(0, bus->PublishMsg(std::make_shared<TestMsg>(kOtherType, 0, [&] { ++released; })));
   gate.Open();
   ASSERT_EQ(std::future_status::ready, deleted.get_future().wait_for(10s));
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (released == 0 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(1ms);
-  }
+  WaitUntil([&] { return released != 0; });
   EXPECT_EQ(1, released.load());  // released once, undelivered
 }
 
@@ -783,22 +738,16 @@ class StressSubscriber : public zel::MsgSubscriber {
       : in_delivery_(in_delivery), overlap_(overlap) {}
   void OnMsg(int, std::shared_ptr<zel::BaseMsg> msg) override {
     if (in_delivery_.fetch_add(1) != 0) overlap_ = true;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      received_.emplace_back(static_cast<TestMsg*>(msg.get())->id, msg->when);
-    }
+    received_.Add({static_cast<TestMsg*>(msg.get())->id, msg->when});
     in_delivery_.fetch_sub(1);
   }
-  std::vector<std::pair<int, long long>> Received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
-  }
+  std::vector<std::pair<int, long long>> Received() { return received_.All(); }
+  size_t Count() const { return received_.Size(); }
 
  private:
   std::atomic<int>& in_delivery_;
   std::atomic<bool>& overlap_;
-  std::mutex mutex_;
-  std::vector<std::pair<int, long long>> received_;
+  zeltest::Collected<std::pair<int, long long>> received_;
 };
 
 // Thread creation under the sanitizers costs about ten times as much; fewer
@@ -852,13 +801,14 @@ TEST(MsgBus, StressFourPublishersThreeSubscribersEachMessageOnceInDueOrder) {
   }
   for (auto& t : publishers) t.join();
 
-  const auto deadline = std::chrono::steady_clock::now() + 100s;
-  for (auto& sub : subs) {
-    while (sub->Received().size() < static_cast<size_t>(kTotal) &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(20ms);
-    }
-  }
+  WaitUntil(
+      [&] {
+        for (auto& sub : subs) {
+          if (sub->Count() < static_cast<size_t>(kTotal)) return false;
+        }
+        return true;
+      },
+      100s, 20ms);
   EXPECT_EQ(0, bus.Stop());
   EXPECT_FALSE(overlap) << "two deliveries ran at the same time";
 

@@ -10,25 +10,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/clock.h"
+#include "support/sync.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-long long MsSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-// Waits until `done` holds or `limit` passed.
-template <typename Pred>
-bool WaitUntil(Pred done, std::chrono::milliseconds limit = 10s) {
-  const auto start = Clock::now();
-  while (!done()) {
-    if (Clock::now() - start > limit) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
+using zeltest::MsSince;
+using zeltest::WaitUntil;
 
 TEST(Timer, OneShotFiresOnceAfterItsIntervalWithItsIdAndUserPointer) {
   zel::Timer timer;

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/clock.h"
+
 namespace {
 
 // DoSync's completion flag is deliberately unsynchronised, so results handed
@@ -46,8 +48,7 @@ TEST(Worker, DoSyncReturnsWithinAboutTenMillisecondsOfItsClosure) {
   for (int i = 0; i < 9; ++i) {
     std::atomic<Clock::rep> ranAt{0};
     worker.DoSync([&] { ranAt = Clock::now().time_since_epoch().count(); });
-    const auto lag = Clock::now() - Clock::time_point(Clock::duration(ranAt.load()));
-    lagsMs.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(lag).count());
+    lagsMs.push_back(zeltest::MsSince(Clock::time_point(Clock::duration(ranAt.load()))));
   }
   // The median, so that one late wake-up on a loaded machine does not count;
   // polling once a second instead of every 10 ms would put it near 1000.

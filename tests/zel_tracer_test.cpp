@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "client/tracer.h"
+#include "support/sync.h"
 #include "support/trace_backends.h"
 #include "utils/zel_client_tracker.h"
 #include "utils/zel_env.h"
@@ -106,11 +107,7 @@ TEST(ZelTracer, GetInstanceCallersQueuedBehindTheCreationGetTheSameTracer) {
   gHoldTracerConstructor = true;
   zel::ZelTracer* first = nullptr;
   std::thread creator([&first] { first = zel::ZelTracer::GetInstance(); });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!gTracerConstructorHeld.load() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  const bool held = gTracerConstructorHeld.load();
+  const bool held = zeltest::WaitUntil([] { return gTracerConstructorHeld.load(); });
   // These find no tracer yet and wait for the lock that the creator holds.
   std::vector<zel::ZelTracer*> queued(3, nullptr);
   std::vector<std::thread> waiters;

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/sync.h"
 #include "utils/event_manager.h"
 
 namespace {
@@ -46,10 +47,7 @@ TEST(EventManagerStress, ManySendersWhileOthersRegisterEveryCallbackOnce) {
   sending = false;
   churner.join();
   const long expected = static_cast<long>(kSenders) * kSendsPerSender;
-  const auto deadline = std::chrono::steady_clock::now() + 60s;
-  while ((gFirst < expected || gSecond < expected) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(10ms);
-  }
+  zeltest::WaitUntil([&] { return gFirst >= expected && gSecond >= expected; }, 60s, 10ms);
   std::this_thread::sleep_for(100ms);  // nothing more may come
   EXPECT_EQ(expected, gFirst.load());
   EXPECT_EQ(expected, gSecond.load());

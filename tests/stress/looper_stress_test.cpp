@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/start_stop_race.h"
+#include "support/sync.h"
 #include "utils/looper.h"
 
 namespace {
@@ -154,10 +155,7 @@ TEST(LooperStress, SelfRepostingChainLosesNoLinkWhileTwoThreadsPostAMillionEach)
     });
   }
   for (auto& poster : posters) poster.join();
-  const auto deadline = std::chrono::steady_clock::now() + 60s;
-  while ((links < kChain || ran < 2 * kPerPoster) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(10ms);
-  }
+  zeltest::WaitUntil([&] { return links >= kChain && ran >= 2 * kPerPoster; }, 60s, 10ms);
   EXPECT_EQ(kChain, links.load());
   EXPECT_EQ(2 * kPerPoster, ran.load());
   EXPECT_EQ(0, looper.Stop());

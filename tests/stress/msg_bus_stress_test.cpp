@@ -6,10 +6,10 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "support/sync.h"
 #include "utils/msg_bus.h"
 
 namespace {
@@ -37,17 +37,13 @@ class Counter : public zel::MsgSubscriber {
  public:
   void OnMsg(int, std::shared_ptr<zel::BaseMsg> msg) override {
     const auto* m = static_cast<const Numbered*>(msg.get());
-    std::lock_guard<std::mutex> lock(mutex_);
-    seen_.emplace_back(m->when, m->id);
+    seen_.Add({m->when, m->id});
   }
-  std::vector<std::pair<long long, int>> Seen() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return seen_;
-  }
+  std::vector<std::pair<long long, int>> Seen() { return seen_.All(); }
+  size_t Count() const { return seen_.Size(); }
 
  private:
-  std::mutex mutex_;
-  std::vector<std::pair<long long, int>> seen_;
+  zeltest::Collected<std::pair<long long, int>> seen_;
 };
 
 TEST(MsgBusStress, EightPublishersEveryMessageOnceToEachSubscriberInDueOrder) {
@@ -71,11 +67,8 @@ TEST(MsgBusStress, EightPublishersEveryMessageOnceToEachSubscriberInDueOrder) {
       });
     }
     for (auto& t : publishers) t.join();
-    const auto deadline = std::chrono::steady_clock::now() + 120s;
-    while (subscribers.back()->Seen().size() < static_cast<size_t>(total) &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(10ms);
-    }
+    zeltest::WaitUntil([&] { return subscribers.back()->Count() >= static_cast<size_t>(total); },
+                       120s, 10ms);
     EXPECT_EQ(0, bus.Stop());
   }
   for (const auto& s : subscribers) {
@@ -168,10 +161,7 @@ TEST(MsgBusStress, BusThreadsDelayedSelfPublicationsLoseNoLinkWhileTwoThreadsPub
     });
   }
   for (auto& t : publishers) t.join();
-  const auto deadline = std::chrono::steady_clock::now() + 60s;
-  while (links < kChain && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(10ms);
-  }
+  zeltest::WaitUntil([&] { return links >= kChain; }, 60s, 10ms);
   EXPECT_EQ(kChain, links.load());
   EXPECT_EQ(0, bus.Stop());
 }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/sync.h"
 #include "utils/timer.h"
 
 namespace {
@@ -83,10 +84,7 @@ TEST(TimerStress, ThousandTimersFromThreadsAndCallbacksFireExactlyAsLeft) {
   }
   for (auto& thread : threads) thread.join();
   const int rounds = kThreads * kPerThread;
-  const auto deadline = std::chrono::steady_clock::now() + 60s;
-  while (followUps < rounds && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(10ms);
-  }
+  zeltest::WaitUntil([&] { return followUps >= rounds; }, 60s, 10ms);
   parked.StopAll(timer);
   std::this_thread::sleep_for(300ms);  // anything wrongly due fires by now
 

@@ -4,11 +4,11 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/sync.h"
 #include "utils/zel_tracer.h"
 
 namespace zeltest {
@@ -26,25 +26,14 @@ struct BackendCall {
 };
 
 // Calls in arrival order; several backends may share one log. Thread-safe.
-class CallLog {
+class CallLog : public Collected<BackendCall> {
  public:
-  void Add(BackendCall call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(call));
-  }
-  std::vector<BackendCall> Calls() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
+  std::vector<BackendCall> Calls() const { return All(); }
   std::vector<std::string> Backends() const {
     std::vector<std::string> names;
     for (const auto& call : Calls()) names.push_back(call.backend);
     return names;
   }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<BackendCall> calls_;
 };
 
 class RecordingBackend : public zel::TracerBackend {
