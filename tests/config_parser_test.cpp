@@ -7,14 +7,13 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/child_run.h"
 #include "support/diag_capture.h"
+#include "support/files.h"
 
 namespace {
 
@@ -45,22 +44,15 @@ constexpr char kSample[] =
 class ConfigParserTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/zel_config_parser_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
     sample_ = Write("sample.ini", kSample);
     DiagCapture::Clear();
   }
-  void TearDown() override { fs::remove_all(dir_); }
+  void TearDown() override { EXPECT_TRUE(scratch_.Remove()); }
 
   std::string Write(const std::string& name, const std::string& text) {
     const std::string path = (dir_ / name).string();
-    std::ofstream(path, std::ios::binary) << text;
+    zeltest::WriteFile(path, text);
     return path;
-  }
-  static std::string Read(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
   // A parser loaded with the sample and the default separator.
   void LoadSample(zel::ConfigParser* parser, const std::string& separator = "") {
@@ -68,7 +60,10 @@ class ConfigParserTest : public ::testing::Test {
     DiagCapture::Clear();
   }
 
-  fs::path dir_;
+  // In /tmp itself, where an ordinary user's child can reach it.
+  zeltest::TempDir scratch_{"zel_config_parser", "/tmp"};
+  // The scratch folder, without a trailing slash.
+  const fs::path dir_ = fs::path(scratch_.path()).parent_path();
   std::string sample_;
 };
 
@@ -557,7 +552,7 @@ TEST_F(ConfigParserTest, SetValuesByStringChangesMemoryOnlyAndSaysNotImplement) 
   LoadSample(&parser);
   EXPECT_EQ(0, parser.SetValuesByString("general", "name", "printer two"));
   EXPECT_EQ("printer two", parser.GetStringVal("general", "name"));
-  EXPECT_EQ(kSample, Read(sample_));
+  EXPECT_EQ(kSample, zeltest::ReadFile(sample_));
   const auto lines = DiagCapture::Lines();
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(7, lines[0].level);
@@ -571,7 +566,7 @@ TEST_F(ConfigParserTest, SetValuesByStringCreatesGroupAndKeyInMemory) {
   int number = 0;
   EXPECT_EQ(0, parser.GetIntegerVal("newgroup", "size", &number));
   EXPECT_EQ(17, number);
-  EXPECT_EQ(kSample, Read(sample_));
+  EXPECT_EQ(kSample, zeltest::ReadFile(sample_));
 }
 
 TEST_F(ConfigParserTest, SetValuesByStringReportsOnEveryCall) {

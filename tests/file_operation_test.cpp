@@ -9,18 +9,19 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/diag_capture.h"
+#include "support/files.h"
 #include "utils/key_store.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 using zeltest::DiagCapture;
+using zeltest::ReadFile;
+using zeltest::WriteFile;
 
 // Diagnostics of this test only, also when several tests share a process.
 struct Diagnostics : DiagCapture {
@@ -56,17 +57,6 @@ int Save(Bytes chunk, const std::string& label, std::string& local_name) {
                               local_name);
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
 // "file_operation.cpp SavePrinterFile(<line>): \"<kind>:\" \"<message>\""
 bool IsDiagLine(const std::string& text, const std::string& kind, const std::string& message) {
   const std::string head = "file_operation.cpp SavePrinterFile(";
@@ -89,17 +79,13 @@ bool IsSymlink(const std::string& path) {
 class FileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/zel_fileop_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    scratch_ = pattern;
     if (getuid() != 0) setenv("XDG_DATA_HOME", (scratch_ + "/data").c_str(), 1);
     ASSERT_EQ(0, chdir(scratch_.c_str()));
   }
   void TearDown() override {
     for (const std::string& path : cleanup_) unlink(path.c_str());
     ASSERT_EQ(0, chdir("/"));
-    const std::string command = "rm -rf '" + scratch_ + "'";
-    EXPECT_EQ(0, std::system(command.c_str()));
+    EXPECT_TRUE(dir_.Remove());
   }
   // A unique file name (stem + number + suffix) whose "/tmp/" file is
   // removed after the test.
@@ -110,7 +96,10 @@ class FileTest : public ::testing::Test {
     return name;
   }
 
-  std::string scratch_;
+  // In /tmp itself: some tests need the scratch folder on /tmp's file system.
+  zeltest::TempDir dir_{"zel_fileop", "/tmp"};
+  // The scratch folder, without a trailing slash.
+  const std::string scratch_ = dir_.path().substr(0, dir_.path().size() - 1);
   std::vector<std::string> cleanup_;
 };
 

@@ -21,7 +21,9 @@
 #include <string>
 #include <vector>
 
+#include "support/clock.h"
 #include "support/diag_capture.h"
+#include "support/files.h"
 
 namespace {
 
@@ -172,16 +174,8 @@ class LoopbackSocket {
   std::vector<int> clients_;
 };
 
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Number of descriptors this process has open.
-size_t OpenDescriptorCount() {
-  size_t count = 0;
-  for (int fd = 0; fd < 4096; ++fd) count += fcntl(fd, F_GETFD) != -1;
-  return count;
-}
+using zeltest::OpenDescriptorCount;
+using zeltest::SecondsSince;
 
 // --- check_ip_port ---
 

@@ -16,16 +16,14 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/child_run.h"
+#include "support/files.h"
 #include "support/libc_stand_ins.h"
-#include "support/log_files.h"
+#include "support/sync.h"
 #include "utils/process_info.h"
 
 namespace {
@@ -33,14 +31,8 @@ namespace {
 namespace fs = std::filesystem;
 using zeltest::ChildResult;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
+using zeltest::ReadFile;
+using zeltest::WriteFile;
 
 // Every test of this file uses the one settings file of the login (or the
 // process table, for the root case of the paths); ctest runs test cases in
@@ -1080,11 +1072,9 @@ class AppPathsTest : public ::testing::Test {
       }
       _exit(127);
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (child > 0 && getProcessUid(kClientName) != static_cast<int>(uid) &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    zeltest::WaitUntil(
+        [&] { return child <= 0 || getProcessUid(kClientName) == static_cast<int>(uid); },
+        zeltest::kWaitLimit, std::chrono::milliseconds(10));
     return child;
   }
   static void StopClient(pid_t child) {

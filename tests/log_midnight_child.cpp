@@ -19,11 +19,11 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "support/files.h"
+#include "support/sync.h"
 #include "utils/logger_file.h"
 #include "utils/zel_log.h"
 
@@ -38,11 +38,8 @@ int Today() {
 
 bool WaitForDateChange() {
   const int start = Today();
-  for (int i = 0; i < 200; ++i) {
-    if (Today() != start) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
+  return zeltest::WaitUntil([&] { return Today() != start; }, zeltest::kWaitLimit,
+                            std::chrono::milliseconds(50));
 }
 
 // True once some regular file under `dir` (recursively) contains `needle`.
@@ -50,20 +47,17 @@ bool SomeFileContains(const std::string& dir, const std::string& needle) {
   std::error_code ec;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(dir, ec)) {
     if (!entry.is_regular_file()) continue;
-    std::ifstream in(entry.path());
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (text.str().find(needle) != std::string::npos) return true;
+    if (zeltest::ReadFile(entry.path()).find(needle) != std::string::npos) return true;
   }
   return false;
 }
 
+// 0 once some file under `dir` contains `needle`, 2 on a time-out.
 int WaitForLine(const std::string& dir, const std::string& needle) {
-  for (int i = 0; i < 400; ++i) {
-    if (SomeFileContains(dir, needle)) return 0;
-    std::this_thread::sleep_for(std::chrono::milliseconds(25));
-  }
-  return 2;
+  return zeltest::WaitUntil([&] { return SomeFileContains(dir, needle); }, zeltest::kWaitLimit,
+                            std::chrono::milliseconds(25))
+             ? 0
+             : 2;
 }
 
 // Lines of about 990 bytes with their prefix: the first kZoneLinesBefore stay

@@ -146,7 +146,7 @@ TEST_P(ProcessDeath, TheNextProcessWritesEveryLineOnceInOrderAndSaysSo) {
   // This process starts the log in the same base: the last one is recovered.
   zel_set_log_path(base.path().c_str());
   zel::Logger::GetInstance();
-  EXPECT_TRUE(zeltest::WaitFor([&] { return StagingFilesBelow(base.path()).size() == 1; }))
+  EXPECT_TRUE(zeltest::WaitForLogs([&] { return StagingFilesBelow(base.path()).size() == 1; }))
       << "only this process's own staging file is left";
   for (pid_t pid : dead) EXPECT_TRUE(EachOnceInOrder(NumbersOf(base.path(), pid), 2000)) << pid;
   const std::vector<std::string> reports = RecoveryLines(base.path());
@@ -174,7 +174,7 @@ TEST(ProcessStuck, ExitGivesUpAfterFiveSecondsSaysSoAndTheLinesAreRecovered) {
       << ending.out;
   zel_set_log_path(base.path().c_str());
   zel::Logger::GetInstance();
-  ASSERT_TRUE(zeltest::WaitFor([&] { return RecoveryLines(base.path()).size() == 1; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return RecoveryLines(base.path()).size() == 1; }));
   EXPECT_EQ(zeltest::Sequence(5), NumbersOf(base.path(), ending.pid));
 }
 
@@ -253,7 +253,7 @@ TEST(ForkedChild, LoggingBeforeExecLeavesTheParentsStagingAndLinesAlone) {
   ASSERT_EQ(child, waitpid(child, &status, 0));
   ASSERT_TRUE(WIFEXITED(status));
   for (int i = 100; i < 200; ++i) log_print(3, 0, "line %05d of %d", i, static_cast<int>(getpid()));
-  ASSERT_TRUE(zeltest::WaitFor([&] { return NumbersOf(base.path(), getpid()).size() == 200; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return NumbersOf(base.path(), getpid()).size() == 200; }));
   EXPECT_EQ(zeltest::Sequence(200), NumbersOf(base.path(), getpid()));
   for (const std::string& line : zeltest::LinesBelow(base.path())) {
     EXPECT_EQ(std::string::npos, line.find("child line")) << line;
@@ -268,21 +268,21 @@ TEST(ForkedChild, DestroyingItsCopyOfANamedLogLeavesTheParentsAlone) {
   file->Log("before\n");
   // The writer is idle now, waiting on its condition variable: in the child
   // that wait never ends, so nothing there may destroy what it waits on.
-  ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 1; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return zeltest::LinesBelow(dir.path()).size() == 1; }));
   const pid_t child = fork();
   if (child == 0) {
     file.reset();  // no writer thread here to wait for, no staging file to remove
     exit(0);
   }
   int status = 0;
-  const bool ended = zeltest::WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; },
-                                      std::chrono::seconds(20));
+  const bool ended = zeltest::WaitForLogs([&] { return waitpid(child, &status, WNOHANG) == child; },
+                                          std::chrono::seconds(20));
   if (!ended) kill(child, SIGKILL);
   ASSERT_TRUE(ended) << "the child hung destroying its copy";
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(1u, StagingFilesBelow(dir.path()).size());
   file->Log("after\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 2; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return zeltest::LinesBelow(dir.path()).size() == 2; }));
   EXPECT_EQ((std::vector<std::string>{"before", "after"}), zeltest::LinesBelow(dir.path()));
 }
 
@@ -316,7 +316,7 @@ TEST(StagingFile, WhereNoneCanBeMadeTheLogStagesInMemoryAndWritesAsBefore) {
     zel::LoggerFile file(dir.path());
     EXPECT_TRUE(StagingFilesBelow(dir.path()).empty());
     for (int i = 0; i < 10; ++i) file.Log(zeltest::NumberedLine(i, 100));
-    ASSERT_TRUE(zeltest::WaitFor([&] { return zeltest::LinesBelow(dir.path()).size() == 10; }));
+    ASSERT_TRUE(zeltest::WaitForLogs([&] { return zeltest::LinesBelow(dir.path()).size() == 10; }));
   }
   ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
   EXPECT_EQ(zeltest::Sequence(10), zeltest::LineNumbers(zeltest::LinesBelow(dir.path())));
@@ -330,7 +330,7 @@ TEST(StagingFile, ALineLongerThanTheWholeAreaIsWrittenWholeAndInOrder) {
   logger->Log("before\n");
   logger->Log(big);  // returns once written
   logger->Log("after\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     const auto lines = zeltest::LinesBelow(base.path());
     return !lines.empty() && lines.back() == "after";
   }));
@@ -345,7 +345,7 @@ TEST(StagingFile, ANamedLogsLineLongerThanItsAreaIsWrittenWholeAndInOrder) {
   file.Log("before\n");
   file.Log(big);
   file.Log("after\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     const auto lines = zeltest::LinesBelow(dir.path());
     return !lines.empty() && lines.back() == "after";
   }));
@@ -383,7 +383,7 @@ TEST(StagingFile, ASinkThatLogsMoreThanFitsNeverWaitsAndTheRestIsReportedAsOneLi
                           R"(found no room and were dropped)");
   std::smatch match;
   int reported = -1;
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     for (const std::string& line : zeltest::LinesBelow(base.path())) {
       if (line.find("] zel log: ") == std::string::npos) continue;  // not the long line
       if (std::regex_match(line, match, report)) reported = std::stoi(match[1]);
@@ -405,7 +405,7 @@ TEST(WriterChecks, AFolderMovedInUnderTheCurrentNameMakesTheWriterRotate) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
   file.Log("one\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == 1; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return FileNames(dir.path()).size() == 1; }));
   const std::string current = dir.path() + FileNames(dir.path())[0];
   ASSERT_TRUE(zeltest::WaitForText(current, "one\n"));
   ASSERT_EQ(0, unlink(current.c_str()));
@@ -413,7 +413,7 @@ TEST(WriterChecks, AFolderMovedInUnderTheCurrentNameMakesTheWriterRotate) {
   file.Log("two\n");
   // The folder was moved aside as rotation 0, and a new current file made.
   const std::string stem = current.substr(0, current.size() - 3);
-  ASSERT_TRUE(zeltest::WaitFor([&] { return std::filesystem::is_regular_file(current); }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return std::filesystem::is_regular_file(current); }));
   ASSERT_TRUE(zeltest::WaitForText(current, "two\n"));
   EXPECT_TRUE(std::filesystem::is_directory(stem + "0"));
 }
@@ -422,7 +422,7 @@ TEST(WriterChecks, AFifoMovedInUnderTheCurrentNameMakesTheWriterRotate) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
   file.Log("one\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == 1; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return FileNames(dir.path()).size() == 1; }));
   const std::string current = dir.path() + FileNames(dir.path())[0];
   ASSERT_TRUE(zeltest::WaitForText(current, "one\n"));
   ASSERT_EQ(0, unlink(current.c_str()));
@@ -430,7 +430,7 @@ TEST(WriterChecks, AFifoMovedInUnderTheCurrentNameMakesTheWriterRotate) {
   file.Log("two\n");
   const std::string stem = current.substr(0, current.size() - 3);
   // Reading the FIFO would wait for a writer: look at what it is first.
-  ASSERT_TRUE(zeltest::WaitFor([&] { return std::filesystem::is_regular_file(current); }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return std::filesystem::is_regular_file(current); }));
   ASSERT_TRUE(zeltest::WaitForText(current, "two\n"));
   EXPECT_TRUE(std::filesystem::is_fifo(stem + "0"));
 }

@@ -36,28 +36,14 @@ extern "C" int statx(int dirfd, const char* path, int flags, unsigned int mask, 
 namespace {
 
 using zeltest::FileNames;
+using zeltest::kCutReport;
+using zeltest::kMaxFileSize;
+using zeltest::MarkedLine;
+using zeltest::OpenDescriptorCount;
 using zeltest::ReadFile;
 
-constexpr size_t kMaxFileSize = 5242880;
-
-std::string Line(char mark, size_t size) {
-  std::string line(size, '.');
-  line[0] = mark;
-  line[size - 1] = '\n';
-  return line;
-}
-
 // Name of the only ".txt" file in `dir` once it exists ("" on time-out).
-std::string CurrentName(const std::string& dir) {
-  std::string found;
-  zeltest::WaitFor([&] {
-    for (const auto& name : FileNames(dir)) {
-      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) found = name;
-    }
-    return !found.empty();
-  });
-  return found;
-}
+std::string CurrentName(const std::string& dir) { return zeltest::WaitForCurrentFile(dir); }
 
 TEST(LoggerFile, EmptyStemNamesFileDotTimeTagDotTxt) {
   zeltest::TempDir dir;
@@ -118,7 +104,7 @@ TEST(LoggerFile, LinesAreWrittenInPostingOrderAsIs) {
 TEST(LoggerFile, FileAtExactlyMaxSizeIsStillWrittenTo) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
-  for (char mark = 'a'; mark < 'f'; ++mark) file.Log(Line(mark, kMaxFileSize / 5));
+  for (char mark = 'a'; mark < 'f'; ++mark) file.Log(MarkedLine(mark, kMaxFileSize / 5));
   file.Log("A");
   const std::string name = CurrentName(dir.path());
   ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
@@ -128,7 +114,7 @@ TEST(LoggerFile, FileAtExactlyMaxSizeIsStillWrittenTo) {
 TEST(LoggerFile, RotationRenamesPastMaxSizeAndPrintsIt) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
-  file.Log(Line('a', kMaxFileSize + 1));
+  file.Log(MarkedLine('a', kMaxFileSize + 1));
   const std::string name = CurrentName(dir.path());
   const std::string stem = name.substr(0, name.size() - 3);
   ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
@@ -149,10 +135,10 @@ TEST(LoggerFile, TwelveRotationsLeaveNumbersThreeToEleven) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
   file.SetName("pen");
-  for (char mark = 'a'; mark <= 'm'; ++mark) file.Log(Line(mark, kMaxFileSize + 1));
+  for (char mark = 'a'; mark <= 'm'; ++mark) file.Log(MarkedLine(mark, kMaxFileSize + 1));
   const std::string name = CurrentName(dir.path());
   const std::string stem = name.substr(0, name.size() - 3);
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     const std::string current = ReadFile(dir.path() + name);
     return current.size() == kMaxFileSize + 1 && current.front() == 'm';
   }));
@@ -199,14 +185,14 @@ TEST(LoggerFile, BytesAppendedByAnotherWriterRotateFromTheLineAfterThem) {
   }
   file.Log("two\n");
   file.Log("three\n");
-  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "three\n"; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return ReadFile(dir.path() + name) == "three\n"; }));
   EXPECT_EQ("one\n" + std::string(kMaxFileSize, 'x') + "two\n", ReadFile(dir.path() + stem + "0"));
 }
 
 TEST(LoggerFile, FileCutByAnotherWriterStillRotatesAtTheStreamsPosition) {
   zeltest::TempDir dir;
   zel::LoggerFile file(dir.path());
-  file.Log(Line('a', kMaxFileSize + 1));
+  file.Log(MarkedLine('a', kMaxFileSize + 1));
   const std::string name = CurrentName(dir.path());
   const std::string stem = name.substr(0, name.size() - 3);
   ASSERT_TRUE(zeltest::WaitForSize(dir.path() + name, kMaxFileSize + 1));
@@ -244,12 +230,12 @@ TEST(LoggerFile, WithoutStatxTheChecksFallBackToStat) {
   file.Log("two\n");
   const std::string name = CurrentName(dir.path());
   const std::string stem = name.substr(0, name.size() - 3);
-  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "one\ntwo\n"; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return ReadFile(dir.path() + name) == "one\ntwo\n"; }));
   EXPECT_EQ(std::vector<std::string>{name}, FileNames(dir.path()));
 
-  file.Log(Line('a', kMaxFileSize + 1));
+  file.Log(MarkedLine('a', kMaxFileSize + 1));
   file.Log("B");
-  ASSERT_TRUE(zeltest::WaitFor([&] { return ReadFile(dir.path() + name) == "B"; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return ReadFile(dir.path() + name) == "B"; }));
   EXPECT_EQ(kMaxFileSize + 1 + 8, ReadFile(dir.path() + stem + "0").size());
   ASSERT_EQ(0, std::remove((dir.path() + name).c_str()));
   file.Log("C");
@@ -278,16 +264,6 @@ TEST(LoggerFile, UncreatableDirectoryDropsLinesWithFpIsNull) {
             capture.Take().find("mkdir error,[" + scratch.path() + "blocker]\n"));
 }
 
-// Number of descriptors this process has open.
-size_t OpenDescriptorCount() {
-  size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++count;
-  }
-  return count;
-}
-
 TEST(LoggerFile, DestroyedLoggerFileClosesItsFile) {
   zeltest::TempDir dir;
   const size_t before = OpenDescriptorCount();
@@ -295,7 +271,8 @@ TEST(LoggerFile, DestroyedLoggerFileClosesItsFile) {
     zel::LoggerFile file(dir.path());
     file.SetName("n" + std::to_string(i));
     file.Log("line\n");
-    ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(dir.path()).size() == size_t(i + 1); }));
+    ASSERT_TRUE(
+        zeltest::WaitForLogs([&] { return FileNames(dir.path()).size() == size_t(i + 1); }));
   }
   EXPECT_EQ(before, OpenDescriptorCount());
 }
@@ -321,7 +298,7 @@ TEST(LoggerFileDirectory, WithoutFinalSlashIsMadeAndTheNameFollowsItDirectly) {
   EXPECT_TRUE(std::filesystem::is_directory(scratch.path() + "logs"));
   file.Log("joined\n");
   // No separator is added between the directory and the name.
-  ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(scratch.path()).size() == 1; }));
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return FileNames(scratch.path()).size() == 1; }));
   EXPECT_TRUE(std::regex_match(FileNames(scratch.path())[0], std::regex(R"(logsn\.\d{6}\.txt)")));
 }
 
@@ -342,7 +319,7 @@ TEST(LoggerFileDirectory, EmptyDirectoryWritesIntoTheWorkingDirectory) {
     zel::LoggerFile file("");
     file.SetName("here");
     file.Log("cwd\n");
-    ASSERT_TRUE(zeltest::WaitFor([&] { return FileNames(scratch.path()).size() == 1; }));
+    ASSERT_TRUE(zeltest::WaitForLogs([&] { return FileNames(scratch.path()).size() == 1; }));
   }
   EXPECT_EQ(0, chdir(saved));
   EXPECT_TRUE(std::regex_match(FileNames(scratch.path())[0], std::regex(R"(here\.\d{6}\.txt)")));
@@ -369,7 +346,7 @@ TEST(LoggerFileDirectory, Of255CharactersWithoutFinalSlashIsMadeButCannotHoldAFi
 // has no ".txt" to be recognised by.
 std::string CurrentNameCutTo5(const std::string& dir) {
   std::string found;
-  zeltest::WaitFor([&] {
+  zeltest::WaitForLogs([&] {
     const auto names = FileNames(dir);
     if (names.size() == 1) found = names[0];
     return !found.empty();
@@ -383,14 +360,12 @@ std::string CurrentNameCutTo5(const std::string& dir) {
 std::vector<int> WriteNumbered(zel::LoggerFile& file, const std::string& dir, int count) {
   for (int i = 0; i < count; ++i) file.Log(zeltest::NumberedLine(i));
   std::vector<std::string> lines;
-  zeltest::WaitFor([&] {
+  zeltest::WaitForLogs([&] {
     lines = zeltest::LinesBelow(dir);
     return lines.size() >= static_cast<size_t>(count);
   });
   return zeltest::LineNumbers(lines);
 }
-
-constexpr char kCutReport[] = "log file name cut to 255 characters: [";
 
 TEST(LoggerFileLongNames, NamesCutToTheSameTextRotateWithoutLosingALine) {
   zeltest::TempDir scratch;
@@ -523,7 +498,7 @@ uintmax_t BytesBelow(const std::string& dir) {
 }
 
 TEST(LoggerFileLongNames, DirectoriesOf200To300CharactersRotateWithoutLosingALine) {
-  const std::string big = Line('B', kMaxFileSize + 1);
+  const std::string big = MarkedLine('B', kMaxFileSize + 1);
   for (size_t length = 200; length <= 300; ++length) {
     SCOPED_TRACE(length);
     zeltest::TempDir scratch;
@@ -545,7 +520,7 @@ TEST(LoggerFileLongNames, DirectoriesOf200To300CharactersRotateWithoutLosingALin
       // Sizes only while waiting: reading the 5 MiB line on every poll made
       // this test slow on a loaded machine.
       const uintmax_t total = big.size() + 3 * 3;
-      ASSERT_TRUE(zeltest::WaitFor([&] { return BytesBelow(scratch.path()) == total; }));
+      ASSERT_TRUE(zeltest::WaitForLogs([&] { return BytesBelow(scratch.path()) == total; }));
     }
     const std::string out = capture.Take();
     const std::vector<std::string> expected{big.substr(0, big.size() - 1), "b1", "b2", "b3"};

@@ -24,9 +24,11 @@
 namespace {
 
 using zeltest::FileNames;
+using zeltest::kCutReport;
+using zeltest::kMaxFileSize;
+using zeltest::MarkedLine;
+using zeltest::Range;
 using zeltest::ReadFile;
-
-constexpr size_t kMaxFileSize = 5242880;
 
 // Every test starts a fresh process: the base is set before the singleton
 // exists, so it computes its day directory under the scratch folder.
@@ -42,16 +44,7 @@ class LoggerTest : public ::testing::Test {
   }
 
   // Name of the current file once the writer opened it ("" on time-out).
-  std::string CurrentName() {
-    std::string found;
-    zeltest::WaitFor([&] {
-      for (const auto& name : FileNames(dayDir)) {
-        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) found = name;
-      }
-      return !found.empty();
-    });
-    return found;
-  }
+  std::string CurrentName() { return zeltest::WaitForCurrentFile(dayDir); }
   // "zel.log.<proc>-<pid>.<tag>." of this process's files.
   std::string Stem() {
     const std::string current = CurrentName();
@@ -65,14 +58,6 @@ class LoggerTest : public ::testing::Test {
   std::string tagBefore;
   std::string tagAfter;
 };
-
-// A line of exactly `size` bytes, starting with `mark`.
-std::string Line(char mark, size_t size) {
-  std::string line(size, '.');
-  line[0] = mark;
-  line[size - 1] = '\n';
-  return line;
-}
 
 TEST_F(LoggerTest, FilesGoToFixedBasePlusDateDirectory) {
   ASSERT_EQ(0, logger->Log("hello\n"));
@@ -129,7 +114,7 @@ TEST_F(LoggerTest, FixedBaseSetLaterAppliesOnlyFromNextDateChange) {
 }
 
 TEST_F(LoggerTest, FileAtExactlyMaxSizeIsStillWrittenTo) {
-  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(Line(mark, kMaxFileSize / 5));
+  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(MarkedLine(mark, kMaxFileSize / 5));
   logger->Log("A");
   const std::string name = CurrentName();
   ASSERT_TRUE(zeltest::WaitForSize(dayDir + name, kMaxFileSize + 1));
@@ -138,7 +123,7 @@ TEST_F(LoggerTest, FileAtExactlyMaxSizeIsStillWrittenTo) {
 }
 
 TEST_F(LoggerTest, LineAfterPassingMaxSizeGoesToFreshFile) {
-  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(Line(mark, kMaxFileSize / 5));
+  for (char mark = 'a'; mark < 'f'; ++mark) logger->Log(MarkedLine(mark, kMaxFileSize / 5));
   logger->Log("A");
   logger->Log("B");
   const std::string stem = Stem();
@@ -153,10 +138,10 @@ TEST_F(LoggerTest, LineAfterPassingMaxSizeGoesToFreshFile) {
 
 TEST_F(LoggerTest, TwelveRotationsLeaveNumbersThreeToEleven) {
   // Each line alone passes the size limit, so every later line rotates.
-  for (char mark = 'a'; mark <= 'm'; ++mark) logger->Log(Line(mark, kMaxFileSize + 1));
+  for (char mark = 'a'; mark <= 'm'; ++mark) logger->Log(MarkedLine(mark, kMaxFileSize + 1));
   const std::string stem = Stem();
   // Every file reaches that size: wait for the last line's to be complete.
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     const std::string current = ReadFile(dayDir + stem + "txt");
     return current.size() == kMaxFileSize + 1 && current.front() == 'm';
   }));
@@ -185,7 +170,7 @@ TEST_F(LoggerTest, DeletedCurrentFileMakesNextWriteRotateWithRenameError) {
   EXPECT_EQ("two\n", ReadFile(dayDir + stem + "txt"));
 
   // The failed rotation still used number 0: the next one is number 1.
-  logger->Log(Line('b', kMaxFileSize + 1));
+  logger->Log(MarkedLine('b', kMaxFileSize + 1));
   logger->Log("three\n");
   ASSERT_TRUE(zeltest::WaitForText(dayDir + stem + "txt", "three\n"));
   EXPECT_EQ((std::vector<std::string>{stem + "1", stem + "txt"}), FileNames(dayDir));
@@ -210,18 +195,13 @@ TEST_F(LoggerTest, OneArgumentLogWritesTheTextAsIs) {
 class RecordingBackend : public zel::LogBackend {
  public:
   int Log(const std::string& msg) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    lines.push_back(msg);
+    lines.Add(msg);
     return 0;
   }
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return lines;
-  }
+  std::vector<std::string> Lines() { return lines.All(); }
 
  private:
-  std::mutex mutex;
-  std::vector<std::string> lines;
+  zeltest::Collected<std::string> lines;
 };
 
 TEST_F(LoggerTest, AttachedBackendGetsOnlyFlaggedLines) {
@@ -274,7 +254,7 @@ TEST_F(LoggerTest, EveryLineIsOnDiskBeforeTheNextOneIsTaken) {
   FileSizeProbe probe(dayDir);
   logger->AddBackend(&probe);
   constexpr int kLines = 2000;
-  const std::string line = Line('x', 64);
+  const std::string line = MarkedLine('x', 64);
   // Posted in one burst, so the writer always has more lines waiting.
   for (int i = 0; i < kLines; ++i) logger->Log(line, 3, true);
   ASSERT_TRUE(zeltest::WaitForSize(dayDir + CurrentName(), kLines * line.size()));
@@ -310,8 +290,6 @@ TEST(LoggerBadBase, UncreatableBaseDropsLinesWithFpIsNull) {
   EXPECT_EQ("x", ReadFile(scratch.path() + "blocker"));
 }
 
-constexpr char kCutReport[] = "log file name cut to 255 characters: [";
-
 TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
   zeltest::TempDir scratch;
   // Behind the day directory (229 characters), "zel.log.<proc>-<pid>.hhmmss."
@@ -322,7 +300,7 @@ TEST(LoggerLongBase, BaseOf220CharactersRotatesWithoutLosingALine) {
   zel::Logger* logger = zel::Logger::GetInstance();
   for (int i = 0; i < 6000; ++i) logger->Log(zeltest::NumberedLine(i));
   std::vector<std::string> lines;
-  zeltest::WaitFor([&] {
+  zeltest::WaitForLogs([&] {
     lines = zeltest::LinesBelow(base);
     return lines.size() >= 6000;
   });
@@ -346,7 +324,7 @@ TEST(LoggerLongBase, VanishedFileWhoseCutNamesCoincideStillReportsTheRenameError
   logger->Log("first\n");
   const std::string dayDir = base + zeltest::TodayText();
   std::string current;
-  ASSERT_TRUE(zeltest::WaitFor([&] {
+  ASSERT_TRUE(zeltest::WaitForLogs([&] {
     const auto names = FileNames(dayDir);
     if (names.size() == 1) current = dayDir + names[0];
     return !current.empty() && ReadFile(current) == "first\n";
@@ -448,7 +426,7 @@ TEST(LoggerDefaultBase, WithoutAFixedBaseDaysGoUnderUsersUserLibraryZel) {
     if (freopen("/tmp/stdout.txt", "w", stdout) == nullptr) return "no stdout";
     log_print(3, 0, "by default");
     const std::string dayDir = days + day + "/";  // BuildLogPath adds a slash to the date's own
-    if (!zeltest::WaitFor([&] { return !FileNames(dayDir).empty(); }))
+    if (!zeltest::WaitForLogs([&] { return !FileNames(dayDir).empty(); }))
       return "no file in " + dayDir;
     const std::string name = FileNames(dayDir)[0];
     if (!zeltest::WaitForText(dayDir + name, "by default\n")) return "no line in " + name;
@@ -488,13 +466,6 @@ std::vector<int> NumberedLinesBelow(const std::string& dir) {
   return zeltest::LineNumbers(numbered);
 }
 
-// first..last.
-std::vector<int> Range(int first, int last) {
-  std::vector<int> numbers;
-  for (int n = first; n <= last; ++n) numbers.push_back(n);
-  return numbers;
-}
-
 // A sink that counts the lines handed to it.
 class CountingSink : public zel::LogBackend {
  public:
@@ -511,7 +482,7 @@ void WaitForWriter(zel::Logger* logger) {
   CountingSink sink;
   logger->AddBackend(&sink);
   logger->Log("-- writer reached --\n", 3, true);
-  EXPECT_TRUE(zeltest::WaitFor([&] { return sink.count > 0; }));
+  EXPECT_TRUE(zeltest::WaitForLogs([&] { return sink.count > 0; }));
   logger->RemoveBackend(&sink);  // waits for the writer to let go of it
 }
 
@@ -590,7 +561,7 @@ TEST(LoggerFaults, BaseWithoutPermissionDropsLinesWithFpIsNull) {
     zel::Logger* logger = zel::Logger::GetInstance();
     logger->Log("lost\n");
     logger->Log("lost too\n");
-    const bool dropped = zeltest::WaitFor([&] {
+    const bool dropped = zeltest::WaitForLogs([&] {
       fflush(stdout);
       return zeltest::StdoutCapture::Count(ReadFile(out + "stdout.txt"),
                                            "operator() 333: fp is null \n") == 2;

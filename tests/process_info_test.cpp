@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -19,6 +20,8 @@
 #include <vector>
 
 #include "support/child_run.h"
+#include "support/files.h"
+#include "support/sync.h"
 
 namespace fs = std::filesystem;
 
@@ -56,13 +59,11 @@ std::string RunCopyAt(const fs::path& exe) {
 
 class ProcessInfoCopy : public testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/zel_process_info_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    root_ = tmpl;
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  fs::path root_;
+  void TearDown() override { EXPECT_TRUE(scratch_.Remove()); }
+  // In /tmp itself, where another user's process can reach it.
+  zeltest::TempDir scratch_{"zel_process_info", "/tmp"};
+  // The scratch folder, without a trailing slash.
+  const fs::path root_ = fs::path(scratch_.path()).parent_path();
 };
 
 TEST(ProcessInfo, NameIsTheExecutablesFileName) {
@@ -121,10 +122,8 @@ TEST_F(ProcessInfoCopy, ProcessUidOfAnotherUsersProcessIsThatUsersId) {
     _exit(2);
   }
   int uid = -1;
-  for (int i = 0; i < 200 && uid == -1; ++i) {
-    usleep(10000);
-    uid = getProcessUid("zel_sleeper");
-  }
+  zeltest::WaitUntil([&] { return (uid = getProcessUid("zel_sleeper")) != -1; },
+                     zeltest::kWaitLimit, std::chrono::milliseconds(10));
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_EQ(static_cast<int>(nobody->pw_uid), uid);

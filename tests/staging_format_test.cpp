@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/log_files.h"
+#include "support/files.h"
 #include "utils/staging_area.h"
 
 namespace {

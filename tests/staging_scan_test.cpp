@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "support/log_files.h"
+#include "support/files.h"
 #include "utils/staging_area.h"
 
 namespace {

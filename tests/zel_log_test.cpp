@@ -34,14 +34,8 @@ class ZelLog : public ::testing::Test {
     for (const auto& name : FileNames(dayDir)) text += ReadFile(dayDir + name);
     return text;
   }
-  std::string CurrentName() {
-    for (const auto& name : FileNames(dayDir)) {
-      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return name;
-    }
-    return "";
-  }
   bool WaitForText(const std::string& needle) {
-    return zeltest::WaitFor([&] { return AllText().find(needle) != std::string::npos; });
+    return zeltest::WaitForLogs([&] { return AllText().find(needle) != std::string::npos; });
   }
   // Logs a marker at level 0 and waits for it: everything queued before is on
   // disk. Each call's marker is its own ("drain-marker" and a number).
@@ -333,8 +327,11 @@ TEST_F(ZelLog, NoLineLostAcrossRotations) {
   for (auto& thread : threads) thread.join();
   log_print(3, 0, "last line");
 
-  ASSERT_TRUE(zeltest::WaitFor(
-      [&] { return ReadFile(dayDir + CurrentName()).find("last line\n") != std::string::npos; },
+  ASSERT_TRUE(zeltest::WaitForLogs(
+      [&] {
+        return ReadFile(dayDir + zeltest::CurrentFileIn(dayDir)).find("last line\n") !=
+               std::string::npos;
+      },
       std::chrono::seconds(90)));
   const auto names = FileNames(dayDir);
   EXPECT_GE(names.size(), 6u);  // several rotations, none deleted

@@ -30,23 +30,22 @@ void LogLine(int thread, int n) {
   log_print(3, 0, "s%d:%d:%s", thread, n, "..........................................");
 }
 
-// Checks that `lines` hold, for every thread, 0..kLinesPerThread-1 in order
-// and nothing else but the final marker.
-void ExpectEveryLineOnceInThreadOrder(const std::vector<std::string>& lines) {
-  std::vector<int> next(kThreads, 0);
-  int seen = 0;
+// Checks that `lines` hold, for each of `threads` threads, 0..perThread-1 in
+// order, and no other line of LogLine's.
+void ExpectEveryLineOnceInThreadOrder(const std::vector<std::string>& lines, int threads = kThreads,
+                                      int perThread = kLinesPerThread) {
+  std::vector<int> next(threads, 0);
   for (const std::string& line : lines) {
     const size_t at = line.find("] s");
     if (at == std::string::npos) continue;
     int thread = -1, n = -1;
     ASSERT_EQ(2, sscanf(line.c_str() + at + 3, "%d:%d:", &thread, &n)) << line;
     ASSERT_GE(thread, 0);
-    ASSERT_LT(thread, kThreads);
+    ASSERT_LT(thread, threads);
     ASSERT_EQ(next[thread], n) << "thread " << thread;
     ++next[thread];
-    ++seen;
   }
-  EXPECT_EQ(kTotal, seen);
+  EXPECT_EQ(std::vector<int>(threads, perThread), next);
 }
 
 class LogStress : public ::testing::Test {
@@ -65,7 +64,7 @@ class LogStress : public ::testing::Test {
         }
       });
     }
-    zeltest::WaitFor([&] { return logged.load() >= kTotal / 2; });
+    zeltest::WaitForLogs([&] { return logged.load() >= kTotal / 2; });
     halfway();
     for (auto& thread : threads) thread.join();
     log_print(3, 0, "the end");
@@ -133,16 +132,7 @@ TEST_F(LogStress, FourThreadsFloodingLoseNothingAndStayInBoundedMemory) {
   sampler.join();
   log_print(3, 0, "the end");
   ASSERT_TRUE(zeltest::WaitForLastLine(base.path(), "the end\n"));
-  std::vector<int> next(kFlooders, 0);
-  for (const std::string& line : zeltest::LinesBelow(base.path())) {
-    const size_t at = line.find("] s");
-    if (at == std::string::npos) continue;
-    int thread = -1, n = -1;
-    ASSERT_EQ(2, sscanf(line.c_str() + at + 3, "%d:%d:", &thread, &n)) << line;
-    ASSERT_EQ(next[thread], n) << "thread " << thread;
-    ++next[thread];
-  }
-  EXPECT_EQ(std::vector<int>(kFlooders, kPerFlooder), next);
+  ExpectEveryLineOnceInThreadOrder(zeltest::LinesBelow(base.path()), kFlooders, kPerFlooder);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   // The backlog is the staging area: callers waited for room instead.
   EXPECT_LE(peak.load() - idle, 64 * 1024) << "KiB above the idle process";

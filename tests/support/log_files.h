@@ -24,37 +24,16 @@
 #include <utility>
 #include <vector>
 
+#include "support/files.h"
+#include "support/sync.h"
+
 namespace zeltest {
 
-// A fresh directory under the system's temporary folder, removed with the object.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zel_log_XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
-    path_ = pattern + "/";
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  // The directory with a trailing slash, ready to be a log base.
-  const std::string& path() const { return path_; }
+// The size past which a log file rotates (the on-disk format's 5 MiB).
+constexpr size_t kMaxFileSize = 5242880;
 
- private:
-  std::string path_;
-};
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-inline void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
+// What a writer prints, once, when a name had to be cut; the name and "]\n" follow.
+constexpr char kCutReport[] = "log file name cut to 255 characters: [";
 
 // A log writer's staging file (lines accepted, not yet written): it lives
 // beside the log files while its writer does, and is not one of them.
@@ -76,22 +55,32 @@ inline std::vector<std::string> FileNames(const std::string& dir) {
   return names;
 }
 
-inline bool Exists(const std::string& path) { return std::filesystem::exists(path); }
-
-// Polls `done` until it holds or `timeout` passed; the result of the last poll.
-inline bool WaitFor(const std::function<bool()>& done,
-                    std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// Name of the current (".txt") file directly in `dir`; "" when there is none.
+inline std::string CurrentFileIn(const std::string& dir) {
+  std::string found;
+  for (const auto& name : FileNames(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) found = name;
   }
-  return true;
+  return found;
+}
+
+// WaitUntil as the log suites wait: up to 20 s, as a writer thread may sit
+// behind a loaded disk, polling every 5 ms, as their polls read files.
+inline bool WaitForLogs(const std::function<bool()>& done,
+                        std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  return WaitUntil(done, limit, std::chrono::milliseconds(5));
+}
+
+// CurrentFileIn(dir) once the writer made the file ("" on time-out).
+inline std::string WaitForCurrentFile(const std::string& dir) {
+  std::string found;
+  WaitForLogs([&] { return !(found = CurrentFileIn(dir)).empty(); });
+  return found;
 }
 
 // Waits until the file at `path` holds exactly `size` bytes.
 inline bool WaitForSize(const std::string& path, uintmax_t size) {
-  return WaitFor([&] {
+  return WaitForLogs([&] {
     std::error_code ec;
     return std::filesystem::file_size(path, ec) == size && !ec;
   });
@@ -99,7 +88,7 @@ inline bool WaitForSize(const std::string& path, uintmax_t size) {
 
 // Waits until `path` exists and contains `needle`.
 inline bool WaitForText(const std::string& path, const std::string& needle) {
-  return WaitFor([&] { return ReadFile(path).find(needle) != std::string::npos; });
+  return WaitForLogs([&] { return ReadFile(path).find(needle) != std::string::npos; });
 }
 
 // "%04d%02d%02d/" of the local date now.
@@ -148,7 +137,7 @@ class StdoutCapture {
   }
   // Polls until `needle` was printed `times` times (generous time-out).
   bool WaitForCount(const std::string& needle, size_t times) {
-    return WaitFor([&] { return Count(Text(), needle) == times; });
+    return WaitForLogs([&] { return Count(Text(), needle) == times; });
   }
   static size_t Count(const std::string& text, const std::string& needle) {
     size_t count = 0;
@@ -223,16 +212,27 @@ inline std::vector<int> LineNumbers(const std::vector<std::string>& lines) {
   return numbers;
 }
 
-// 0, 1, ..., count - 1.
-inline std::vector<int> Sequence(int count) {
-  std::vector<int> numbers(count);
-  for (int i = 0; i < count; ++i) numbers[i] = i;
+// first, first + 1, ..., last.
+inline std::vector<int> Range(int first, int last) {
+  std::vector<int> numbers;
+  for (int n = first; n <= last; ++n) numbers.push_back(n);
   return numbers;
+}
+
+// 0, 1, ..., count - 1.
+inline std::vector<int> Sequence(int count) { return Range(0, count - 1); }
+
+// A line of exactly `size` bytes: `mark`, dots, a newline.
+inline std::string MarkedLine(char mark, size_t size) {
+  std::string line(size, '.');
+  line[0] = mark;
+  line[size - 1] = '\n';
+  return line;
 }
 
 // Waits until some current (".txt") file below `base` ends in `tail`.
 inline bool WaitForLastLine(const std::string& base, const std::string& tail) {
-  return WaitFor(
+  return WaitForLogs(
       [&] {
         std::error_code ec;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(base, ec)) {
