@@ -75,6 +75,14 @@ class LoopThreadTest : public ::testing::Test {
       events.Add(name + " out");
     };
   }
+  // Starts a body that stops the loop from its own thread (which is then
+  // let go) and goes on with `then`.
+  void StartSelfStopping(std::function<void()> then) {
+    ASSERT_EQ(0, loop.Start([this, then] {
+      loop.Stop();
+      then();
+    }));
+  }
   // The first `count` events, once there are that many.
   Events FirstEvents(size_t count) {
     EXPECT_TRUE(events.WaitForCount(count));
@@ -234,12 +242,11 @@ TEST_F(LoopThreadTest, AStopFromTheLoopThreadLetsItGoAndKeepsItsText) {
 
 TEST_F(LoopThreadTest, AStartWhileALetGoThreadIsInItsBodyReturnsAndTheNewBodyFollowsTheOld) {
   zeltest::HoldingGate oldHeld;
-  ASSERT_EQ(0, loop.Start([&] {
+  StartSelfStopping([&] {
     events.Add("old in");
-    loop.Stop();
     oldHeld.Hold();
     events.Add("old out");
-  }));
+  });
   oldHeld.WaitEntered();
   // From another thread, so that a Start waiting for the old body fails
   // the test instead of hanging it.
@@ -262,10 +269,7 @@ TEST_F(LoopThreadTest, AStartWhileALetGoThreadIsInItsBodyReturnsAndTheNewBodyFol
 
 TEST_F(LoopThreadTest, WaitForDetachedThreadWaitsUntilALetGoThreadLeftItsBody) {
   zeltest::HoldingGate held;
-  ASSERT_EQ(0, loop.Start([&] {
-    loop.Stop();
-    held.Hold();
-  }));
+  StartSelfStopping(held.Holder());
   held.WaitEntered();
   zeltest::Gate waited;
   std::thread waiter([&] {
@@ -281,11 +285,10 @@ TEST_F(LoopThreadTest, WaitForDetachedThreadWaitsUntilALetGoThreadLeftItsBody) {
 
 TEST_F(LoopThreadTest, WaitForDetachedThreadOnTheLetGoThreadDoesNotWaitForItself) {
   zeltest::Gate returned;
-  ASSERT_EQ(0, loop.Start([&] {
-    loop.Stop();
+  StartSelfStopping([&] {
     loop.WaitForDetachedThread();
     returned.Open();
-  }));
+  });
   EXPECT_TRUE(returned.WaitFor(10s));
 }
 

@@ -51,11 +51,21 @@ class RotatingFileTest : public ::testing::Test {
     ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fileno(file.fp), text.data(), text.size()));
     file.Advance(text.size());
   }
+  // The current file with a line in it, then removed from under the writer.
+  void WrittenThenRemoved() {
+    OpenCurrent();
+    Append("line\n");
+    ASSERT_EQ(0, unlink(Current().c_str()));
+  }
   // MustRotate's answer for `maxSize`; `position` gets what it reported
   // (-2 when it reported nothing).
   bool MustRotate(int32_t maxSize, long* position) {
     *position = -2;
     return file.MustRotate(maxSize, position);
+  }
+  bool MustRotate(int32_t maxSize) {
+    long position = 0;
+    return MustRotate(maxSize, &position);
   }
   std::string Current() const { return dir + "app.120000.txt"; }
   std::string Rotation(int n) const { return dir + "app.120000." + std::to_string(n); }
@@ -100,29 +110,20 @@ TEST_F(RotatingFileTest, APositionPastTwoGibibytesReadsAsANegative32BitIntAsItAl
 // ---- MustRotate: what the path names ----
 
 TEST_F(RotatingFileTest, AVanishedPathRotates) {
-  OpenCurrent();
-  Append("line\n");
-  ASSERT_EQ(0, unlink(Current().c_str()));
-  long position = 0;
-  EXPECT_TRUE(MustRotate(1000, &position));
+  WrittenThenRemoved();
+  EXPECT_TRUE(MustRotate(1000));
 }
 
 TEST_F(RotatingFileTest, AFolderUnderTheNameRotates) {
-  OpenCurrent();
-  Append("line\n");
-  ASSERT_EQ(0, unlink(Current().c_str()));
+  WrittenThenRemoved();
   ASSERT_EQ(0, mkdir(Current().c_str(), 0755));
-  long position = 0;
-  EXPECT_TRUE(MustRotate(1000, &position));
+  EXPECT_TRUE(MustRotate(1000));
 }
 
 TEST_F(RotatingFileTest, AFifoUnderTheNameRotatesWithoutBeingOpened) {
-  OpenCurrent();
-  Append("line\n");
-  ASSERT_EQ(0, unlink(Current().c_str()));
+  WrittenThenRemoved();
   ASSERT_EQ(0, mkfifo(Current().c_str(), 0644));
-  long position = 0;
-  EXPECT_TRUE(MustRotate(1000, &position));  // opening it would wait for a writer
+  EXPECT_TRUE(MustRotate(1000));  // opening it would wait for a writer
 }
 
 TEST_F(RotatingFileTest, ALinkToTheFileUnderTheNameIsFollowed) {
@@ -320,6 +321,16 @@ class LongNames : public RotatingFileTest {
     ASSERT_EQ(0, mkdir(longDir.c_str(), 0755));
   }
   FileNaming LongNaming() const { return {longDir, longDir.size(), "app", tag}; }
+  // In a folder of 250 characters, opens the current file, whose name (and
+  // every rotation's) is cut to "<folder>app.1"; the cut's report is swallowed.
+  void OpenCutFile() {
+    UseFolderOf(250);
+    testing::internal::CaptureStdout();
+    file.NameCurrent(LongNaming());
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(longDir + "app.1", std::string(file.path));
+    ASSERT_NE(nullptr, file.Open());
+  }
 
   std::string longDir;
 };
@@ -352,12 +363,10 @@ TEST_F(LongNames, ANameOfExactly255CharactersIsNeitherCutNorReported) {
 }
 
 TEST_F(LongNames, NamesCutAlikeAreNotRenamedOntoThemselves) {
-  UseFolderOf(250);
-  testing::internal::CaptureStdout();
-  file.NameCurrent(LongNaming());
-  ASSERT_NE(nullptr, file.Open());
+  OpenCutFile();
   Append("kept\n");
   char rotated[zel::logdetail::kPathSize] = {};
+  testing::internal::CaptureStdout();
   file.RotateOut(LongNaming(), 328, rotated);
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(std::string(file.path), std::string(rotated));  // the same cut name
@@ -367,9 +376,7 @@ TEST_F(LongNames, NamesCutAlikeAreNotRenamedOntoThemselves) {
 }
 
 TEST_F(LongNames, NamesCutAlikeWithNothingThereFailAsARenameWould) {
-  UseFolderOf(250);
-  file.NameCurrent(LongNaming());
-  ASSERT_NE(nullptr, file.Open());
+  OpenCutFile();
   ASSERT_EQ(0, unlink(file.path));
   char rotated[zel::logdetail::kPathSize] = {};
   testing::internal::CaptureStdout();
@@ -378,13 +385,9 @@ TEST_F(LongNames, NamesCutAlikeWithNothingThereFailAsARenameWould) {
 }
 
 TEST_F(LongNames, RemoveExpiredNeverDeletesTheFileBeingWritten) {
-  UseFolderOf(250);
-  testing::internal::CaptureStdout();
-  file.NameCurrent(LongNaming());
-  ASSERT_NE(nullptr, file.Open());
+  OpenCutFile();
   Append("kept\n");
   file.RemoveExpired(LongNaming(), 10, 10);  // rotation 0 cuts to the current name
-  testing::internal::GetCapturedStdout();
   EXPECT_EQ("kept\n", ReadFile(file.path));
 }
 
