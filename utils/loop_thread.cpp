@@ -11,8 +11,7 @@ namespace {
 thread_local bool tOwnerDestroyed = false;
 }  // namespace
 
-LoopThread::LoopThread(std::mutex& mutex, std::condition_variable& wake)
-    : mutex(mutex), wake(wake) {}
+LoopThread::LoopThread(Mutex& mutex, std::condition_variable& wake) : mutex(mutex), wake(wake) {}
 
 LoopThread::~LoopThread() {
   if (IsCurrent()) tOwnerDestroyed = true;
@@ -21,7 +20,7 @@ LoopThread::~LoopThread() {
 bool LoopThread::OwnerDestroyed() { return tOwnerDestroyed; }
 
 int LoopThread::Start(std::function<void()> body, bool loopWaitsForCaller) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   if (!stopped) return -1;
   if (joining && (loopWaitsForCaller || IsCurrent())) return -1;
   stopped = false;
@@ -48,18 +47,20 @@ void LoopThread::RunAlone(const std::function<void()>& body) {
     // lets this thread through at once: its body then returns without
     // running anything, and the predecessor may be the very stopper, joining
     // this thread.
-    std::unique_lock<std::mutex> lock(mutex);
-    settled.wait(lock, [this] { return threads_in_body == 1 || stopped || !IsCurrent(); });
+    MutexLock lock(mutex);
+    settled.wait(lock.native(), [this]() ZEL_REQUIRES(mutex) {
+      return threads_in_body == 1 || stopped || !IsCurrent();
+    });
   }
   body();
   if (tOwnerDestroyed) return;  // nothing of the owner is left to tell
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   --threads_in_body;
   settled.notify_all();  // the last touch of this object by the thread
 }
 
 LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
-  std::unique_lock<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   if (IsCurrent()) {
     // The thread cannot join itself: it is let go, and leaves its body once
     // the message in progress is done. (A joining Stop took the object out.)
@@ -68,8 +69,8 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
     if (thread && thread->joinable()) thread->detach();
     return StopResult::kLetGo;
   }
-  lock.unlock();
-  lock.lock();
+  lock.Unlock();
+  lock.Lock();
   if (stopped) {
     std::puts("already stoped ");
     return StopResult::kAlreadyStopped;
@@ -81,10 +82,10 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
   const std::thread::id joinedId = current;
   const std::string joinedText = text;
   joining = true;
-  lock.unlock();
+  lock.Unlock();
 
   if (joined && joined->joinable()) joined->join();
-  lock.lock();
+  lock.Lock();
   if (current.load() == joinedId) {
     // Not restarted meanwhile: the loop has no thread now.
     joining = false;
@@ -97,13 +98,13 @@ LoopThread::StopResult LoopThread::Stop(std::string* joined_text) {
 }
 
 void LoopThread::WaitForDetachedThread() {
-  std::unique_lock<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   const int own = IsCurrent() ? 1 : 0;
-  settled.wait(lock, [this, own] { return threads_in_body <= own; });
+  settled.wait(lock.native(), [this, own]() ZEL_REQUIRES(mutex) { return threads_in_body <= own; });
 }
 
 std::string LoopThread::Text() {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   return text;
 }
 

@@ -16,6 +16,9 @@
 #include <string>
 #include <thread>
 
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
+
 namespace zel {
 
 // Starts, stops and identifies the thread that runs an owner's loop body.
@@ -29,7 +32,7 @@ namespace zel {
 // while its predecessor is still busy waits until that one has left.
 class LoopThread {
  public:
-  LoopThread(std::mutex& mutex, std::condition_variable& wake);
+  LoopThread(Mutex& mutex, std::condition_variable& wake);
   // Marks a destruction from the loop thread itself (see OwnerDestroyed).
   ~LoopThread();
   LoopThread(const LoopThread&) = delete;
@@ -41,7 +44,7 @@ class LoopThread {
   // (`loopWaitsForCaller`, e.g. a bus's delivery thread): the join waits for
   // the caller, so the caller cannot start a successor under it.
   // Any thread. Throws std::system_error when no thread can be made.
-  int Start(std::function<void()> body, bool loopWaitsForCaller = false);
+  int Start(std::function<void()> body, bool loopWaitsForCaller = false) ZEL_EXCLUDES(mutex);
   // How a Stop went.
   enum class StopResult {
     kJoined,          // from another thread: the thread was woken and joined
@@ -54,10 +57,10 @@ class LoopThread {
   // itself, detaches it instead. Prints "already stoped " on stdout for
   // kAlreadyStopped. Any thread; from another thread it blocks until the
   // loop thread has finished its current message.
-  StopResult Stop(std::string* joined_text = nullptr);
+  StopResult Stop(std::string* joined_text = nullptr) ZEL_EXCLUDES(mutex);
   // Blocks until every thread that stopped itself has left its body; from
   // such a thread, until the others have. Owners call it before they are freed.
-  void WaitForDetachedThread();
+  void WaitForDetachedThread() ZEL_EXCLUDES(mutex);
 
   // Atomic: read unlocked.
   bool Stopped() const { return stopped; }
@@ -69,7 +72,7 @@ class LoopThread {
   // Text of the thread's handle (ThreadIdString): "" before the first Start
   // and after a Stop from another thread; kept after a Stop from itself.
   // Any thread.
-  std::string Text();
+  std::string Text() ZEL_EXCLUDES(mutex);
 
   // True on a loop thread whose owner was destroyed by code that this thread
   // ran (a message deleting its own Looper, say): the body must then return
@@ -79,27 +82,27 @@ class LoopThread {
  private:
   // Runs on each new thread: waits to be the only one, runs `body`, then
   // says it has left.
-  void RunAlone(const std::function<void()>& body);
+  void RunAlone(const std::function<void()>& body) ZEL_EXCLUDES(mutex);
 
-  std::mutex& mutex;              // the owner's; immutable reference
+  Mutex& mutex;                   // the owner's; immutable reference
   std::condition_variable& wake;  // the owner's; immutable reference
   // Signalled whenever what a new thread or WaitForDetachedThread waits for
   // may have changed: a thread left its body, a Stop began or ended.
   std::condition_variable settled;
-  // The newest thread object. Guarded by mutex. A Stop from another thread
-  // takes it out to join it, so a Start meanwhile can put a new one here.
-  std::unique_ptr<std::thread> thread;
-  std::string text;  // guarded by mutex
+  // The newest thread object. A Stop from another thread takes it out to
+  // join it, so a Start meanwhile can put a new one here.
+  std::unique_ptr<std::thread> thread ZEL_GUARDED_BY(mutex);
+  std::string text ZEL_GUARDED_BY(mutex);
   // The thread again, as an atomic value: callers on any thread ask "am I the
   // loop thread?" without reading a string that another thread may write.
   // Written under mutex; atomic: read unlocked.
   std::atomic<std::thread::id> current{std::thread::id()};
   // Written under mutex; atomic: read unlocked.
   std::atomic<bool> stopped{true};
-  // Threads started and not yet out of their body. Guarded by mutex.
-  int threads_in_body = 0;
-  // A Stop from another thread is joining the current thread. Guarded by mutex.
-  bool joining = false;
+  // Threads started and not yet out of their body.
+  int threads_in_body ZEL_GUARDED_BY(mutex) = 0;
+  // A Stop from another thread is joining the current thread.
+  bool joining ZEL_GUARDED_BY(mutex) = false;
 };
 
 }  // namespace zel

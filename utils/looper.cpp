@@ -35,7 +35,7 @@ Looper::Looper() : loop(mutex, cond), queue(std::make_unique<Queue>()) {}
 
 Looper::~Looper() {
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     destroying = true;
   }
   if (!loop.Stopped()) Stop();
@@ -74,7 +74,7 @@ void Looper::process() {
 }
 
 bool Looper::TakeQueue(Queue& batch, long long& now) {
-  std::unique_lock<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   if (queue->empty()) {
     WaitLocked(lock);
     if (queue->empty()) return false;
@@ -106,7 +106,7 @@ bool Looper::RunBatch(Queue& batch, long long now) {
 
 Looper::Queue Looper::ReturnLeftovers(Queue& batch, long long now) {
   Queue dropped;
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   if (loop.Stopped()) {
     // Stopped while the batch ran: its due rest goes unrun. (Restarted on a
     // newer thread instead, all of it goes back for that thread to run.)
@@ -122,9 +122,9 @@ Looper::Queue Looper::ReturnLeftovers(Queue& batch, long long now) {
   return dropped;
 }
 
-void Looper::WaitLocked(std::unique_lock<std::mutex>& lock) {
+void Looper::WaitLocked(MutexLock& lock) {
   waiting = true;
-  cond.wait_for(lock, kIdleWait);
+  cond.wait_for(lock.native(), kIdleWait);
   waiting = false;
 }
 
@@ -132,7 +132,7 @@ int Looper::PostMessageAAA(std::unique_ptr<Message> msg) {
   msg->when = WallClockMs();
   if (loop.IsCurrent()) {
     // The loop sees it on its next scan; no wake-up needed.
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     queue->push_back(std::move(msg));
     return 0;
   }
@@ -144,7 +144,7 @@ int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
   if (loop.IsCurrent()) {
     // From the loop thread: accepted even when stopped, and no wake-up (the
     // loop sees it on its next scan); locked, since other threads post too.
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     queue->push_back(std::move(msg));
     return 0;
   }
@@ -154,7 +154,7 @@ int Looper::PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms) {
 int Looper::PostFromOtherThread(std::unique_ptr<Message> msg) {
   bool wake = false;
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     if (loop.Stopped()) return -1;
     queue->push_back(std::move(msg));
     std::swap(wake, waiting);

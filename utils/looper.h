@@ -23,6 +23,8 @@
 
 #include "utils/export.h"
 #include "utils/loop_thread.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
@@ -115,30 +117,31 @@ class Looper {
   /// thread.
   /// @return 0; -1 if already running or being destroyed, or when called on
   ///   the loop thread while another thread's Stop is joining it.
-  ZEL_API int Start();
+  ZEL_API int Start() ZEL_EXCLUDES(mutex);
   /// Stops the loop. From another thread: joins the loop thread (waiting for
   /// the running message). From the loop's own thread: detaches it, and the
   /// rest of the current batch is dropped (unless the loop is started again
   /// before that thread gets to it). Queued messages stay for the next Start.
   /// Any thread.
   /// @return 0; -1 with "already stoped " on stdout if it was not running.
-  ZEL_API int Stop();
+  ZEL_API int Stop() ZEL_EXCLUDES(mutex);
   /// Body of the loop thread; only Start runs it.
-  ZEL_API void process();
+  ZEL_API void process() ZEL_EXCLUDES(mutex);
 
   /// Posts for running as soon as possible. From another thread, refused (-1)
   /// while stopped; from the loop thread always accepted. Any thread.
   /// @param msg The message; the loop owns it once the post succeeds, and a
   ///   refused one is deleted.
   /// @return 0, or -1 when refused.
-  ZEL_API int PostMessageAAA(std::unique_ptr<Message> msg);
+  ZEL_API int PostMessageAAA(std::unique_ptr<Message> msg) ZEL_EXCLUDES(mutex);
   /// Posts for running no earlier than delay_ms from now. The queue is FIFO and
   /// only its front is inspected, so a delayed message holds back every later
   /// one. Refused as PostMessageAAA. Any thread.
   /// @param msg The message; owned as for PostMessageAAA.
   /// @param delay_ms Delay in milliseconds.
   /// @return 0, or -1 when refused.
-  ZEL_API int PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms);
+  ZEL_API int PostDelayMessage(std::unique_ptr<Message> msg, long long delay_ms)
+      ZEL_EXCLUDES(mutex);
   /// Wraps a copy of `cb` in an InerTaskMessage and posts it with
   /// PostMessageAAA.
   /// @param cb The function and its context word; copied.
@@ -157,33 +160,34 @@ class Looper {
 
   // Moves the whole queue into `batch` once its front is due at `now`, or
   // waits up to a second for a post; false if there is nothing to run.
-  bool TakeQueue(Queue& batch, long long& now);
+  bool TakeQueue(Queue& batch, long long& now) ZEL_EXCLUDES(mutex);
   // Runs the due front of `batch` (the messages due at `now`, in order) while
   // the loop should run, then hands the rest back (ReturnLeftovers). False
   // when a message destroyed this Looper: nothing of it may be touched then.
-  bool RunBatch(Queue& batch, long long now);
+  bool RunBatch(Queue& batch, long long now) ZEL_EXCLUDES(mutex);
   // Puts what `batch` still holds back at the head of the queue, in order;
   // when the loop is stopped (not restarted), its due messages are returned
   // instead, to be dropped unrun. Takes the lock.
-  Queue ReturnLeftovers(Queue& batch, long long now);
-  // Waits on `cond` for up to a second, saying so in `waiting`.
-  void WaitLocked(std::unique_lock<std::mutex>& lock);
+  Queue ReturnLeftovers(Queue& batch, long long now) ZEL_EXCLUDES(mutex);
+  // Waits on `cond` for up to a second, saying so in `waiting`; `lock` holds
+  // mutex.
+  void WaitLocked(MutexLock& lock) ZEL_REQUIRES(mutex);
   // Appends `msg` for another thread; -1 while stopped. Wakes the loop
   // thread only if it waits, after the lock is released.
-  int PostFromOtherThread(std::unique_ptr<Message> msg);
+  int PostFromOtherThread(std::unique_ptr<Message> msg) ZEL_EXCLUDES(mutex);
 
   // What the loop thread waits on; a post notifies it when `waiting`.
   std::condition_variable cond;
   // Guards queue, waiting and the state of `loop`.
-  std::mutex mutex;
+  Mutex mutex;
   // The loop thread: its start, stop and identity (for "am I the loop
   // thread?" and the diagnostics).
   LoopThread loop;
   // Posted messages not yet taken by the loop. The pointer is immutable; the
   // queue is guarded by mutex.
-  std::unique_ptr<Queue> queue;
-  // The loop thread waits on `cond`: a post must wake it. Guarded by mutex.
-  bool waiting = false;
+  std::unique_ptr<Queue> queue ZEL_PT_GUARDED_BY(mutex);
+  // The loop thread waits on `cond`: a post must wake it.
+  bool waiting ZEL_GUARDED_BY(mutex) = false;
   // Set once by the destructor (under mutex); read unlocked (atomic).
   std::atomic<bool> destroying{false};
 };

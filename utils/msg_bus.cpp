@@ -12,9 +12,12 @@ namespace {
 
 using timing::WallClockMs;
 
-bool IsDue(const BaseMsg& msg, long long now) { return timing::IsDue(msg.when, now); }
+bool IsDueStampLocked(const BaseMsg& msg, long long now) ZEL_REQUIRES(BusStampLock()) {
+  return timing::IsDue(msg.when, now);
+}
 
-bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg>& b) {
+bool EarlierDueStampLocked(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg>& b)
+    ZEL_REQUIRES(BusStampLock()) {
   return a->when < b->when;
 }
 
@@ -23,8 +26,8 @@ bool EarlierDue(const std::shared_ptr<BaseMsg>& a, const std::shared_ptr<BaseMsg
 // counts and `resortPending` flags. Taken after a bus's own mutex, never
 // before it. Never destroyed: buses may outlive static destruction.
 struct StampRegistry {
-  std::mutex mutex;
-  std::vector<MsgBus*> buses;  // every bus alive
+  Mutex mutex;                                                // BusStampLock()
+  std::vector<MsgBus*> buses ZEL_GUARDED_BY(BusStampLock());  // every bus alive
 };
 StampRegistry& Stamps() {
   static StampRegistry* const registry = new StampRegistry();
@@ -36,27 +39,29 @@ thread_local const MsgBus* tDeliveringFor = nullptr;
 
 }  // namespace
 
+Mutex& BusStampLock() { return Stamps().mutex; }
+
 MsgBus::MsgBus() : loop(mutex, cond), queue(std::make_unique<Queue>()) {
-  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  MutexLock stamps(BusStampLock());
   Stamps().buses.push_back(this);
 }
 
 MsgBus::~MsgBus() {
   if (!loop.Stopped()) Stop();
   loop.WaitForDetachedThread();
-  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  MutexLock stamps(BusStampLock());
   auto& buses = Stamps().buses;
   buses.erase(std::find(buses.begin(), buses.end(), this));
 }
 
 int MsgBus::Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   subscribers[msg_type].push_back(s);
   return 0;
 }
 
 int MsgBus::Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   auto entry = subscribers.find(msg_type);
   if (entry == subscribers.end()) return -1;
   // Same subscriber = same owner; expired references never match a live one.
@@ -91,12 +96,12 @@ int MsgBus::PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) {
 int MsgBus::Publish(std::shared_ptr<BaseMsg> msg, long long when) {
   Stamp(*msg, when);  // even when the publication is then refused
   const bool fromBusThread = loop.IsCurrent();
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   // From the bus thread: accepted even when stopped, and without a wake-up
   // (the bus sees it on its next cycle).
   if (!fromBusThread && loop.Stopped()) return -1;
   {
-    std::lock_guard<std::mutex> stamps(Stamps().mutex);
+    MutexLock stamps(BusStampLock());
     EnqueueLockedStamped(std::move(msg));
   }
   if (!fromBusThread) cond.notify_one();
@@ -104,7 +109,7 @@ int MsgBus::Publish(std::shared_ptr<BaseMsg> msg, long long when) {
 }
 
 void MsgBus::Stamp(BaseMsg& msg, long long when) {
-  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  MutexLock stamps(BusStampLock());
   msg.when = when;
   for (MsgBus* bus : Stamps().buses) {
     if (bus->queued.count(&msg) != 0) bus->resortPending = true;
@@ -127,7 +132,7 @@ void MsgBus::ResortLockedStamped(std::shared_ptr<BaseMsg> msg) {
   all.reserve(queue->size() + 1);
   for (auto& entry : *queue) all.push_back(std::move(entry.second));
   all.push_back(std::move(msg));
-  std::stable_sort(all.begin(), all.end(), EarlierDue);
+  std::stable_sort(all.begin(), all.end(), EarlierDueStampLocked);
   queue->clear();
   for (auto& entry : all) {
     const long long when = entry->when;
@@ -137,8 +142,8 @@ void MsgBus::ResortLockedStamped(std::shared_ptr<BaseMsg> msg) {
 }
 
 void MsgBus::TakeDueLocked(long long now, Batch& batch) {
-  std::lock_guard<std::mutex> stamps(Stamps().mutex);
-  while (!queue->empty() && IsDue(*queue->begin()->second, now)) {
+  MutexLock stamps(BusStampLock());
+  while (!queue->empty() && IsDueStampLocked(*queue->begin()->second, now)) {
     const auto front = queue->begin();
     const auto entries = queued.find(front->second.get());
     if (--entries->second == 0) queued.erase(entries);
@@ -148,7 +153,7 @@ void MsgBus::TakeDueLocked(long long now, Batch& batch) {
 }
 
 void MsgBus::PutBackAtHeadLocked(Batch& batch, size_t from) {
-  std::lock_guard<std::mutex> stamps(Stamps().mutex);
+  MutexLock stamps(BusStampLock());
   for (size_t i = batch.size(); i-- > from;) {
     // Keyed like the head, placed before it: the order is kept, and the next
     // publication sorts by `when` again.
@@ -159,25 +164,25 @@ void MsgBus::PutBackAtHeadLocked(Batch& batch, size_t from) {
   resortPending = true;
 }
 
-void MsgBus::WaitUpToOneSecond(std::unique_lock<std::mutex>& lock) {
-  cond.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
+void MsgBus::WaitUpToOneSecondLocked(MutexLock& lock) {
+  cond.wait_until(lock.native(), std::chrono::system_clock::now() + std::chrono::seconds(1));
 }
 
 void MsgBus::process() {
   while (loop.ShouldRun()) {
     Batch batch;
     {
-      std::unique_lock<std::mutex> lock(mutex);
+      MutexLock lock(mutex);
       if (queue->empty()) {
-        WaitUpToOneSecond(lock);
+        WaitUpToOneSecondLocked(lock);
         if (queue->empty()) continue;
       }
       TakeDueLocked(WallClockMs(), batch);
     }
     if (batch.empty()) {
       // The head lies in the future: sleep until a publication or a second passed.
-      std::unique_lock<std::mutex> lock(mutex);
-      WaitUpToOneSecond(lock);
+      MutexLock lock(mutex);
+      WaitUpToOneSecondLocked(lock);
       continue;
     }
     if (!Deliver(batch)) return;
@@ -194,7 +199,7 @@ bool MsgBus::Deliver(Batch& batch) {
   }
   Batch released;
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     if (loop.Stopped()) {
       // Stopped while delivering: the rest goes undelivered.
       released.assign(std::make_move_iterator(batch.begin() + next),
@@ -211,7 +216,7 @@ bool MsgBus::Deliver(Batch& batch) {
 void MsgBus::DeliverToSubscribers(const std::shared_ptr<BaseMsg>& msg) {
   std::list<std::weak_ptr<MsgSubscriber>> receivers;
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     const auto entry = subscribers.find(msg->msg_type);
     if (entry == subscribers.end()) return;
     receivers = entry->second;

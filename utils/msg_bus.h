@@ -19,8 +19,17 @@
 
 #include "utils/export.h"
 #include "utils/loop_thread.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
+
+/// @cond internal
+// The process-wide stamp lock (msg_bus.cpp): every bus stamps and reads
+// BaseMsg::when under it, and counts under it which messages it holds.
+// Declared here to name it in the lock rules; not exported.
+Mutex& BusStampLock();
+/// @endcond
 
 /// A bus message. The bus routes it by `msg_type` and stamps `when` (wall-clock
 /// milliseconds since the epoch; negative means due at once) on every
@@ -39,6 +48,7 @@ class ZEL_API BaseMsg {
   int msg_type;
   /// Due time. Stamped by PublishMsg and read by every bus under one
   /// process-wide lock, so a message may be shared by several buses.
+  ZEL_GUARDED_BY(BusStampLock())
   long long when = -1;
 };
 
@@ -76,12 +86,13 @@ class MsgBus {
   /// @param msg_type The routing type to receive.
   /// @param s The subscriber; held weakly, the caller keeps it alive.
   /// @return Always 0.
-  ZEL_API int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+  ZEL_API int Subscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s) ZEL_EXCLUDES(mutex);
   /// Removes every reference to `s` under `msg_type`. Any thread, as Subscribe.
   /// @param msg_type The routing type.
   /// @param s The subscriber to remove.
   /// @return 0, or -1 if there was none.
-  ZEL_API int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s);
+  ZEL_API int Unsubscribe(int msg_type, const std::shared_ptr<MsgSubscriber>& s)
+      ZEL_EXCLUDES(mutex);
 
   /// Starts the bus thread and returns at once. Whatever is still queued from
   /// an earlier run is delivered by the new thread. When an earlier bus
@@ -91,13 +102,13 @@ class MsgBus {
   /// @return 0; -1 if already running, or while another thread's Stop is
   ///   joining the bus thread when called from the bus thread or from a
   ///   subscriber's delivery (the join waits for the caller).
-  ZEL_API int Start();
+  ZEL_API int Start() ZEL_EXCLUDES(mutex);
   /// Stops the bus. From another thread: joins the bus thread (waiting for the
   /// delivery in progress). From the bus thread itself: detaches it. Queued
   /// messages stay for the next Start. Any thread but a delivery of this bus
   /// (that Stop would wait for itself for ever).
   /// @return 0; -1 with "already stoped " on stdout if it was not running.
-  ZEL_API int Stop();
+  ZEL_API int Stop() ZEL_EXCLUDES(mutex);
 
   /// Publishes for delivery as soon as possible. From another thread, refused
   /// (-1) while stopped; `when` is overwritten even then. From the bus thread
@@ -105,16 +116,16 @@ class MsgBus {
   /// each message's `when`, however a publication on any bus changed it.
   /// @param msg The message; the bus shares it while it is queued.
   /// @return 0, or -1 when refused or when `msg` is null.
-  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg);
+  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg) ZEL_EXCLUDES(mutex);
   /// Publishes for delivery `delay` ms from now; zero or negative is due at
   /// once. Refused as the immediate form.
   /// @param msg The message; the bus shares it while it is queued.
   /// @param delay Delay in milliseconds.
   /// @return 0, or -1 when refused or when `msg` is null.
-  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay);
+  ZEL_API int PublishMsg(std::shared_ptr<BaseMsg> msg, long long delay) ZEL_EXCLUDES(mutex);
 
   /// Body of the bus thread; only Start runs it.
-  ZEL_API void process();
+  ZEL_API void process() ZEL_EXCLUDES(mutex);
 
  private:
   // Pending messages by due time; equal times in publication order (a
@@ -126,49 +137,50 @@ class MsgBus {
   using Batch = std::vector<std::shared_ptr<BaseMsg>>;
 
   // Stamps `when` and queues the message (see PublishMsg).
-  int Publish(std::shared_ptr<BaseMsg> msg, long long when);
+  int Publish(std::shared_ptr<BaseMsg> msg, long long when) ZEL_EXCLUDES(mutex, BusStampLock());
   // Sets msg.when under the stamp lock, and marks every bus that holds `msg`
   // queued for a full sort at its next publication.
-  static void Stamp(BaseMsg& msg, long long when);
+  static void Stamp(BaseMsg& msg, long long when) ZEL_EXCLUDES(BusStampLock());
   // Queues `msg` where a stable sort by `when` puts it; sorts everything when
   // a queued message was re-stamped. Requires mutex and the stamp lock.
-  void EnqueueLockedStamped(std::shared_ptr<BaseMsg> msg);
+  void EnqueueLockedStamped(std::shared_ptr<BaseMsg> msg) ZEL_REQUIRES(mutex, BusStampLock());
   // Sorts the whole queue and `msg` by each message's current `when`
   // (stably, from the queue's order). Requires mutex and the stamp lock.
-  void ResortLockedStamped(std::shared_ptr<BaseMsg> msg);
+  void ResortLockedStamped(std::shared_ptr<BaseMsg> msg) ZEL_REQUIRES(mutex, BusStampLock());
   // Moves the messages due at `now` from the front of the queue into `batch`.
   // Requires mutex; takes the stamp lock.
-  void TakeDueLocked(long long now, Batch& batch);
+  void TakeDueLocked(long long now, Batch& batch) ZEL_REQUIRES(mutex) ZEL_EXCLUDES(BusStampLock());
   // Puts batch[from...] back at the head of the queue, in order. Requires
   // mutex; takes the stamp lock.
-  void PutBackAtHeadLocked(Batch& batch, size_t from);
-  void WaitUpToOneSecond(std::unique_lock<std::mutex>& lock);
+  void PutBackAtHeadLocked(Batch& batch, size_t from) ZEL_REQUIRES(mutex)
+      ZEL_EXCLUDES(BusStampLock());
+  // Waits on `cond` for up to a second; `lock` holds mutex.
+  void WaitUpToOneSecondLocked(MutexLock& lock) ZEL_REQUIRES(mutex);
   // Delivers the batch while the bus should run, then puts the rest back (a
   // restart) or releases it (a stop). False when releasing a message
   // destroyed this bus: nothing of it may be touched then. Bus thread only.
-  bool Deliver(Batch& batch);
+  bool Deliver(Batch& batch) ZEL_EXCLUDES(mutex);
   // Hands `msg` to each live subscriber of its type, one delivery thread at a
   // time. Bus thread only.
-  void DeliverToSubscribers(const std::shared_ptr<BaseMsg>& msg);
+  void DeliverToSubscribers(const std::shared_ptr<BaseMsg>& msg) ZEL_EXCLUDES(mutex);
 
   // What the bus thread waits on; notified by publications from other threads.
   std::condition_variable cond;
   // Guards queue, subscribers and the state of `loop`.
-  std::mutex mutex;
+  Mutex mutex;
   // The bus thread: its start, stop and identity (for "am I the bus thread?").
   LoopThread loop;
   // Pending messages. The pointer is immutable; the queue is guarded by mutex.
-  std::unique_ptr<Queue> queue;
+  std::unique_ptr<Queue> queue ZEL_PT_GUARDED_BY(mutex);
   // How many entries of `queue` each message has. Guarded by the
   // process-wide stamp lock (and changed with mutex held too), so that a
   // publication on any bus can tell which buses hold the message it stamps.
-  std::unordered_map<const BaseMsg*, size_t> queued;
+  std::unordered_map<const BaseMsg*, size_t> queued ZEL_GUARDED_BY(BusStampLock());
   // A queued message was re-stamped (by a publication here or on another
   // bus, accepted or refused): the next publication sorts everything.
-  // Guarded by the stamp lock.
-  bool resortPending = false;
-  // Subscribers by routing type. Guarded by mutex.
-  std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers;
+  bool resortPending ZEL_GUARDED_BY(BusStampLock()) = false;
+  // Subscribers by routing type.
+  std::map<int, std::list<std::weak_ptr<MsgSubscriber>>> subscribers ZEL_GUARDED_BY(mutex);
 };
 
 }  // namespace zel
