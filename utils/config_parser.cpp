@@ -36,7 +36,7 @@ int ConfigParser::Init(const std::string& file, const std::string& separator) {
   }
   {
     // Swapped under the lock: another thread's lookup may be using the old one.
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mFilePath = file;
     // A second Init replaces the key file; the old one is not kept alive.
     if (mKeyFile != nullptr) g_key_file_free(mKeyFile);
@@ -49,7 +49,7 @@ int ConfigParser::Init(const std::string& file, const std::string& separator) {
 
 bool ConfigParser::GetBooleanVal(const std::string& group, const std::string& key) {
   if (AnyEmpty(group, key)) return false;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return false;
   GError* error = nullptr;
   const gboolean value = g_key_file_get_boolean(mKeyFile, group.c_str(), key.c_str(), &error);
@@ -59,7 +59,7 @@ bool ConfigParser::GetBooleanVal(const std::string& group, const std::string& ke
 
 std::string ConfigParser::GetStringVal(const std::string& group, const std::string& key) {
   if (AnyEmpty(group, key)) return std::string();
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return std::string();
   GError* error = nullptr;
   gchar* text = g_key_file_get_string(mKeyFile, group.c_str(), key.c_str(), &error);
@@ -71,7 +71,7 @@ std::string ConfigParser::GetStringVal(const std::string& group, const std::stri
 
 int ConfigParser::GetIntegerVal(const std::string& group, const std::string& key, int* value) {
   if (AnyEmpty(group, key)) return -1;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return -1;
   GError* error = nullptr;
   *value = g_key_file_get_integer(mKeyFile, group.c_str(), key.c_str(), &error);
@@ -81,7 +81,7 @@ int ConfigParser::GetIntegerVal(const std::string& group, const std::string& key
 
 int ConfigParser::GetDoubleVal(const std::string& group, const std::string& key, double* value) {
   if (AnyEmpty(group, key)) return -1;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return -1;
   GError* error = nullptr;
   const gdouble number = g_key_file_get_double(mKeyFile, group.c_str(), key.c_str(), &error);
@@ -97,7 +97,7 @@ int ConfigParser::GetDoubleVal(const std::string& group, const std::string& key,
 std::vector<bool> ConfigParser::GetBooleanVals(const std::string& group, const std::string& key) {
   std::vector<bool> values;
   if (AnyEmpty(group, key)) return values;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
@@ -117,7 +117,7 @@ std::vector<std::string> ConfigParser::GetStringVals(const std::string& group,
                                                      const std::string& key) {
   std::vector<std::string> values;
   if (AnyEmpty(group, key)) return values;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
@@ -135,7 +135,7 @@ std::vector<std::string> ConfigParser::GetStringVals(const std::string& group,
 std::vector<int> ConfigParser::GetIntegerVals(const std::string& group, const std::string& key) {
   std::vector<int> values;
   if (AnyEmpty(group, key)) return values;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
@@ -153,7 +153,7 @@ std::vector<int> ConfigParser::GetIntegerVals(const std::string& group, const st
 std::vector<double> ConfigParser::GetDoubleVals(const std::string& group, const std::string& key) {
   std::vector<double> values;
   if (AnyEmpty(group, key)) return values;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return values;
   gsize length = 0;
   GError* error = nullptr;
@@ -171,7 +171,7 @@ std::vector<double> ConfigParser::GetDoubleVals(const std::string& group, const 
 int ConfigParser::SetValuesByString(const std::string& group, const std::string& key,
                                     const std::string& value) {
   if (AnyEmpty(group, key) || value.empty()) return -1;
-  std::lock_guard<std::mutex> lock(mMutex);
+  MutexLock lock(mMutex);
   if (mKeyFile == nullptr) return -1;
   g_key_file_set_string(mKeyFile, group.c_str(), key.c_str(), value.c_str());
   // Changes live in memory only; saving them was never done.

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "utils/export.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 /// The key-file type, without pulling GLib into clients' includes.
 typedef struct _GKeyFile GKeyFile;  // NOLINT(bugprone-reserved-identifier): GLib's own name
@@ -39,25 +41,27 @@ class ConfigParser {
   ///   the list separator, anything else keeps ";".
   /// @return 0 on success, -1 (with an error diagnostic) on an empty name or a
   ///   file that cannot be read or parsed; the parser is then unusable.
-  ZEL_API int Init(const std::string& file, const std::string& separator);
+  ZEL_API int Init(const std::string& file, const std::string& separator) ZEL_EXCLUDES(mMutex);
 
   /// A single boolean. Empty `group` or `key`: false, silently.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The value; false when missing or not a boolean.
-  ZEL_API bool GetBooleanVal(const std::string& group, const std::string& key);
+  ZEL_API bool GetBooleanVal(const std::string& group, const std::string& key) ZEL_EXCLUDES(mMutex);
   /// A single string. Empty `group` or `key`: "", silently.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The value; "" when missing.
-  ZEL_API std::string GetStringVal(const std::string& group, const std::string& key);
+  ZEL_API std::string GetStringVal(const std::string& group, const std::string& key)
+      ZEL_EXCLUDES(mMutex);
   /// A single integer.
   /// @param group Group name.
   /// @param key Key name.
   /// @param value Receives the integer, or 0 when missing or not an integer.
   /// @return -1 (value untouched) for empty arguments or an unloaded parser;
   ///   otherwise 0.
-  ZEL_API int GetIntegerVal(const std::string& group, const std::string& key, int* value);
+  ZEL_API int GetIntegerVal(const std::string& group, const std::string& key, int* value)
+      ZEL_EXCLUDES(mMutex);
   /// A single number.
   /// @param group Group name.
   /// @param key Key name.
@@ -65,29 +69,34 @@ class ConfigParser {
   ///   missing or not a number.
   /// @return -1 (value untouched) for empty arguments or an unloaded parser;
   ///   otherwise 0.
-  ZEL_API int GetDoubleVal(const std::string& group, const std::string& key, double* value);
+  ZEL_API int GetDoubleVal(const std::string& group, const std::string& key, double* value)
+      ZEL_EXCLUDES(mMutex);
 
   /// A list of booleans, in file order.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The elements; empty when an argument is empty (silently) or when
   ///   the key is missing or an element has the wrong type (error diagnostic).
-  ZEL_API std::vector<bool> GetBooleanVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<bool> GetBooleanVals(const std::string& group, const std::string& key)
+      ZEL_EXCLUDES(mMutex);
   /// A list of strings, in file order.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The elements; empty as for GetBooleanVals.
-  ZEL_API std::vector<std::string> GetStringVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<std::string> GetStringVals(const std::string& group, const std::string& key)
+      ZEL_EXCLUDES(mMutex);
   /// A list of integers, in file order.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The elements; empty as for GetBooleanVals.
-  ZEL_API std::vector<int> GetIntegerVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<int> GetIntegerVals(const std::string& group, const std::string& key)
+      ZEL_EXCLUDES(mMutex);
   /// A list of numbers, in file order.
   /// @param group Group name.
   /// @param key Key name.
   /// @return The elements; empty as for GetBooleanVals.
-  ZEL_API std::vector<double> GetDoubleVals(const std::string& group, const std::string& key);
+  ZEL_API std::vector<double> GetDoubleVals(const std::string& group, const std::string& key)
+      ZEL_EXCLUDES(mMutex);
 
   /// Sets the value in memory only (creating group and key if needed) and
   /// reports "not implement" as an error diagnostic, since nothing is written
@@ -97,15 +106,15 @@ class ConfigParser {
   /// @param value New value.
   /// @return -1 when any argument is empty or the parser is unloaded, else 0.
   ZEL_API int SetValuesByString(const std::string& group, const std::string& key,
-                                const std::string& value);
+                                const std::string& value) ZEL_EXCLUDES(mMutex);
 
  private:
-  // Path given to Init. Guarded by mMutex.
-  std::string mFilePath;
+  // Path given to Init.
+  std::string mFilePath ZEL_GUARDED_BY(mMutex);
   // Taken by every lookup, by SetValuesByString and by Init to swap the key file.
-  std::mutex mMutex;
-  // Null until Init succeeds (and after a failed Init). Guarded by mMutex.
-  GKeyFile* mKeyFile = nullptr;
+  Mutex mMutex;
+  // Null until Init succeeds (and after a failed Init).
+  GKeyFile* mKeyFile ZEL_GUARDED_BY(mMutex) = nullptr;
 };
 
 }  // namespace zel

@@ -19,12 +19,12 @@ EventManager::EventManager() { thread = std::thread(&EventManager::processEvents
 EventManager::~EventManager() { stop(); }
 
 void EventManager::registerEvent(const std::string& name, EventCallback callback, void* arg) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   events[name].emplace_back(callback, arg);
 }
 
 void EventManager::unregisterEvent(const std::string& name, EventCallback callback) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   auto entry = events.find(name);
   if (entry == events.end()) return;
   auto& pairs = entry->second;
@@ -35,7 +35,7 @@ void EventManager::unregisterEvent(const std::string& name, EventCallback callba
 }
 
 void EventManager::sendEvent(const std::string& name) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   auto entry = events.find(name);
   // Copies: what is registered now is what this sending calls.
   if (entry != events.end()) queue.insert(queue.end(), entry->second.begin(), entry->second.end());
@@ -44,18 +44,18 @@ void EventManager::sendEvent(const std::string& name) {
 
 void EventManager::processEvents() {
   while (running) {
-    std::unique_lock<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     // stop() notifies without the lock: a notification lost between the
     // test and the wait must not leave this thread (and the process's exit)
     // waiting for ever, so `running` is looked at again every 100 ms.
-    while (queue.empty() && running) cond.wait_for(lock, kRunningRecheck);
+    while (queue.empty() && running) cond.wait_for(lock.native(), kRunningRecheck);
     while (!queue.empty() && running) {
       const Entry entry = queue.front();
       queue.pop_front();
       // Outside the lock, so that a callback may register, unregister or send.
-      lock.unlock();
+      lock.Unlock();
       if (running) entry.first(entry.second);
-      lock.lock();
+      lock.Lock();
     }
   }
 }

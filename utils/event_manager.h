@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "utils/export.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
@@ -51,19 +53,20 @@ class EventManager {
   /// @param callback Function to call.
   /// @param arg Context pointer handed to `callback`; not owned, the manager
   ///   never touches it.
-  ZEL_API void registerEvent(const std::string& name, EventCallback callback, void* arg);
+  ZEL_API void registerEvent(const std::string& name, EventCallback callback, void* arg)
+      ZEL_EXCLUDES(mutex);
   /// Removes every pair of `name` whose function is `callback`, whatever its
   /// argument; the name is forgotten once its last pair is gone. Unknown
   /// names are ignored.
   /// @param name Event name.
   /// @param callback Function to remove.
-  ZEL_API void unregisterEvent(const std::string& name, EventCallback callback);
+  ZEL_API void unregisterEvent(const std::string& name, EventCallback callback) ZEL_EXCLUDES(mutex);
   /// Queues a copy of each pair registered under `name` now and wakes the event
   /// thread; returns at once. Unknown names queue nothing.
   /// @param name Event name.
-  ZEL_API void sendEvent(const std::string& name);
+  ZEL_API void sendEvent(const std::string& name) ZEL_EXCLUDES(mutex);
   /// Body of the event thread; only the constructor runs it.
-  ZEL_API void processEvents();
+  ZEL_API void processEvents() ZEL_EXCLUDES(mutex);
   /// Ends the event thread (joining it); there is no restart. Events sent
   /// afterwards are queued but never called. Must not be called from a
   /// callback. May block for the running callback, plus up to 100 ms.
@@ -75,13 +78,13 @@ class EventManager {
   // The event thread. Started by the constructor, joined by stop().
   std::thread thread;
   // Guards queue and events.
-  std::mutex mutex;
+  Mutex mutex;
   // Wakes the event thread; notified by sendEvent and stop().
   std::condition_variable cond;
-  // Pairs sent and not yet called. Guarded by mutex.
-  std::deque<Entry> queue;
-  // Registered pairs by name. Guarded by mutex.
-  std::unordered_map<std::string, std::vector<Entry>> events;
+  // Pairs sent and not yet called.
+  std::deque<Entry> queue ZEL_GUARDED_BY(mutex);
+  // Registered pairs by name.
+  std::unordered_map<std::string, std::vector<Entry>> events ZEL_GUARDED_BY(mutex);
   // Cleared by stop() without the lock (atomic); the event thread polls it.
   std::atomic<bool> running{true};
 };

@@ -23,7 +23,7 @@ Timer::Timer() : created(std::chrono::steady_clock::now()) {
 Timer::~Timer() {
   quit = true;
   thread->join();
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
 }
 
 unsigned long long Timer::Start(long long interval_ms,
@@ -36,15 +36,15 @@ unsigned long long Timer::Start(long long interval_ms,
   record.repeat = repeat;
   record.user_data = user_data;
 
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   record.id = next_id++;
   const unsigned long long id = record.id;
-  InsertSorted(std::move(record));
+  InsertSortedLocked(std::move(record));
   return id;
 }
 
 void Timer::Stop(unsigned long long id) {
-  std::lock_guard<std::mutex> lock(mutex);
+  MutexLock lock(mutex);
   for (auto it = timers.begin(); it != timers.end(); ++it) {
     if (it->second.id == id) {
       timers.erase(it);
@@ -53,16 +53,15 @@ void Timer::Stop(unsigned long long id) {
   }
 }
 
-// Caller holds the mutex. Logarithmic and stable: the place a full stable
-// sort would give it.
-void Timer::InsertSorted(TimerMsg record) {
+// Logarithmic and stable: the place a full stable sort would give it.
+void Timer::InsertSortedLocked(TimerMsg record) {
   const long long due = record.due;
   timers.emplace(due, std::move(record));
 }
 
-// Caller holds the mutex. Takes every timer due strictly before now; a
-// repeating one goes back in, re-armed from now.
-std::list<TimerMsg> Timer::CollectDue() {
+// Takes every timer due strictly before now; a repeating one goes back in,
+// re-armed from now.
+std::list<TimerMsg> Timer::CollectDueLocked() {
   std::list<TimerMsg> fired;
   while (!timers.empty() && timers.begin()->second.due < TimerNowMs()) {
     fired.push_back(std::move(timers.begin()->second));
@@ -70,7 +69,7 @@ std::list<TimerMsg> Timer::CollectDue() {
     if (fired.back().repeat) {
       TimerMsg again = fired.back();
       again.due = DueAfter(again.interval);
-      InsertSorted(std::move(again));
+      InsertSortedLocked(std::move(again));
     }
   }
   return fired;
@@ -80,8 +79,8 @@ void Timer::Run() {
   while (!quit) {
     std::list<TimerMsg> fired;
     {
-      std::lock_guard<std::mutex> lock(mutex);
-      fired = CollectDue();
+      MutexLock lock(mutex);
+      fired = CollectDueLocked();
     }
     while (!fired.empty()) {
       fired.front().callback(fired.front().id, fired.front().user_data);

@@ -17,6 +17,8 @@
 #include <thread>
 
 #include "utils/export.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
@@ -65,27 +67,27 @@ class Timer {
   /// @return The timer's id: 1, 2, 3... per Timer object.
   ZEL_API unsigned long long Start(long long interval_ms,
                                    const std::function<void(unsigned long long, void*)>& callback,
-                                   bool repeat, void* user_data);
+                                   bool repeat, void* user_data) ZEL_EXCLUDES(mutex);
   /// Cancels the timer `id`; unknown ids are ignored. May be called from a callback.
   /// @param id An id returned by Start.
-  ZEL_API void Stop(unsigned long long id);
+  ZEL_API void Stop(unsigned long long id) ZEL_EXCLUDES(mutex);
 
  private:
-  void Run();
-  void InsertSorted(TimerMsg record);
-  std::list<TimerMsg> CollectDue();
+  void Run() ZEL_EXCLUDES(mutex);
+  void InsertSortedLocked(TimerMsg record) ZEL_REQUIRES(mutex);
+  std::list<TimerMsg> CollectDueLocked() ZEL_REQUIRES(mutex);
 
   // The timer thread. Set by the constructor, joined by the destructor.
   std::unique_ptr<std::thread> thread;
   // By due time; equal times in starting order (a multimap inserts after
-  // its equal keys). Guarded by mutex.
-  std::multimap<long long, TimerMsg> timers;
+  // its equal keys).
+  std::multimap<long long, TimerMsg> timers ZEL_GUARDED_BY(mutex);
   // Guards timers and next_id.
-  std::mutex mutex;
+  Mutex mutex;
   // Immutable: the steady-clock time of construction.
   std::chrono::steady_clock::time_point created;
-  // Id of the next Start. Guarded by mutex.
-  unsigned long long next_id = 1;
+  // Id of the next Start.
+  unsigned long long next_id ZEL_GUARDED_BY(mutex) = 1;
   // Set once by the destructor, polled between scans. Atomic: read unlocked.
   std::atomic<bool> quit{false};
 };

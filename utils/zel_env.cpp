@@ -1,18 +1,20 @@
 #include "utils/zel_env.h"
 
 #include <map>
-#include <mutex>
+
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
 namespace {
 
-std::mutex& TableMutex() {
-  static std::mutex mutex;
+Mutex& TableMutex() {
+  static Mutex mutex;
   return mutex;
 }
 
-std::map<std::string, std::string>& Table() {
+std::map<std::string, std::string>& TableLocked() ZEL_REQUIRES(TableMutex()) {
   static std::map<std::string, std::string> table;
   return table;
 }
@@ -21,14 +23,14 @@ std::map<std::string, std::string>& Table() {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the API's
 std::string ZelEnv::zel_get_env(std::string name) {
-  std::lock_guard<std::mutex> lock(TableMutex());
-  auto found = Table().find(name);
-  return found == Table().end() ? std::string() : found->second;
+  MutexLock lock(TableMutex());
+  auto found = TableLocked().find(name);
+  return found == TableLocked().end() ? std::string() : found->second;
 }
 
 int ZelEnv::zel_set_env(const std::string& name, const std::string& value) {
-  std::lock_guard<std::mutex> lock(TableMutex());
-  Table()[name] = value;
+  MutexLock lock(TableMutex());
+  TableLocked()[name] = value;
   return 0;
 }
 

@@ -98,13 +98,13 @@ void ZelTracer::SetZelProcessContext(std::shared_ptr<ZelProcessContextBase> ctx)
 std::shared_ptr<ZelProcessContextBase> ZelTracer::GetZelProcessContext() { return context; }
 
 std::string ZelTracer::GetTraceId() {
-  std::unique_lock<std::shared_timed_mutex> lock(rwlock);
+  WriterLock lock(rwlock);
   if (traceId.empty()) traceId = GenerateTraceId();
   return traceId;
 }
 
 std::string ZelTracer::GetSpanId() {
-  std::unique_lock<std::shared_timed_mutex> lock(rwlock);
+  WriterLock lock(rwlock);
   if (spanId.empty()) spanId = GenerateSpanId();
   return spanId;
 }
@@ -114,27 +114,27 @@ std::string ZelTracer::NewSessionId() { return GenerateSpanId() + "-" + getCurre
 // ---- ZelTracer: backends and dispatch ----
 
 void ZelTracer::RegisterBackend(TracerBackend* backend) {
-  std::unique_lock<std::shared_timed_mutex> lock(rwlock);
+  WriterLock lock(rwlock);
   std::printf("tracer register backend: size=%d \n", static_cast<int>(backends.size()));
   backends.push_back(backend);
 }
 
 void ZelTracer::UnregisterBackend(TracerBackend* backend) {
-  std::unique_lock<std::shared_timed_mutex> lock(rwlock);
+  WriterLock lock(rwlock);
   std::printf("tracer unregister backend: size=%d \n", static_cast<int>(backends.size()));
   auto it = std::find(backends.begin(), backends.end(), backend);
   if (it != backends.end()) backends.erase(it);
 }
 
 void ZelTracer::PostTrace(const std::string& content) {
-  std::shared_lock<std::shared_timed_mutex> lock(rwlock);
+  ReaderLock lock(rwlock);
   for (TracerBackend* backend : backends) backend->PostTrace(content);
 }
 
 void ZelTracer::PostTraceWithId(const std::string& traceId, const std::string& spanId,
                                 const std::string& event, const std::string& content,
                                 const std::string& parentSpan) {
-  std::shared_lock<std::shared_timed_mutex> lock(rwlock);
+  ReaderLock lock(rwlock);
   for (TracerBackend* backend : backends) {
     backend->PostTraceWithId(traceId, spanId, event, content, parentSpan);
   }
@@ -175,7 +175,7 @@ void ZelTracer::SendServerFlowWithAttr(const std::string& spanId, const std::str
   attrs[kDesktopId] = context->GetDesktopId();
   if (!context->GetImageVersion().empty()) attrs[kImageVersion] = context->GetImageVersion();
 
-  std::shared_lock<std::shared_timed_mutex> lock(rwlock);
+  ReaderLock lock(rwlock);
   // The parent is the stored span id as it stands, not GetSpanId(): it stays
   // empty until someone asked for the span id.
   for (TracerBackend* backend : backends) {
@@ -194,7 +194,7 @@ void ZelTracer::SendGTraceWithAttr(const std::string& traceId, const std::string
   attrs[kZelContext] = context->GetZelContext();
   if (!context->GetImageVersion().empty()) attrs[kImageVersion] = context->GetImageVersion();
 
-  std::shared_lock<std::shared_timed_mutex> lock(rwlock);
+  ReaderLock lock(rwlock);
   for (TracerBackend* backend : backends) {
     backend->SendTraceAttr(trace, span, event, attrs, parentSpan);
   }

@@ -20,6 +20,8 @@
 #include <vector>
 
 #include "utils/export.h"
+#include "utils/mutex.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
@@ -160,13 +162,13 @@ class ZEL_API ZelTracer {
   /// twice receives every record twice). Prints the count before the change.
   /// Takes the tracer's lock exclusively. Any thread, but not from a backend.
   /// @param backend The backend; not owned, must stay alive until unregistered.
-  void RegisterBackend(TracerBackend* backend);
+  void RegisterBackend(TracerBackend* backend) ZEL_EXCLUDES(rwlock);
   /// Removes the first entry equal to `backend`; unknown pointers are ignored.
   /// Prints the count before the change. Takes the tracer's lock exclusively,
   /// so it waits for records being dispatched. Any thread, but not from a
   /// backend.
   /// @param backend The backend to remove.
-  void UnregisterBackend(TracerBackend* backend);
+  void UnregisterBackend(TracerBackend* backend) ZEL_EXCLUDES(rwlock);
 
   /// Replaces the context (null allowed). Not locked, like Init.
   /// @param ctx The new context; shared with the caller.
@@ -178,11 +180,11 @@ class ZEL_API ZelTracer {
   /// The process trace id, made on first call (under the tracer's lock,
   /// exclusively). Any thread.
   /// @return 32 lower-case hex digits.
-  virtual std::string GetTraceId();
+  virtual std::string GetTraceId() ZEL_EXCLUDES(rwlock);
   /// The process span id, made on first call (under the tracer's lock,
   /// exclusively). Any thread.
   /// @return 16 lower-case hex digits.
-  virtual std::string GetSpanId();
+  virtual std::string GetSpanId() ZEL_EXCLUDES(rwlock);
   /// A new session id; nothing stored. Any thread.
   /// @return A fresh 16-digit span id, "-", and the local time text.
   std::string NewSessionId();
@@ -190,7 +192,7 @@ class ZEL_API ZelTracer {
   /// Hands `content` to every backend's PostTrace, in registration order. An
   /// exception from a backend stops the dispatch and reaches the caller.
   /// @param content The record text.
-  void PostTrace(const std::string& content);
+  void PostTrace(const std::string& content) ZEL_EXCLUDES(rwlock);
   /// Hands the arguments unchanged to every backend's PostTraceWithId.
   /// @param traceId Trace id of the event.
   /// @param spanId Span id of the event.
@@ -199,7 +201,7 @@ class ZEL_API ZelTracer {
   /// @param parentSpan Span id of the parent.
   void PostTraceWithId(const std::string& traceId, const std::string& spanId,
                        const std::string& event, const std::string& content,
-                       const std::string& parentSpan);
+                       const std::string& parentSpan) ZEL_EXCLUDES(rwlock);
 
   /// Writes JSON as text. Any thread.
   /// @param value The JSON value.
@@ -223,7 +225,7 @@ class ZEL_API ZelTracer {
   /// @param attrs The caller's attributes; the keys are added in place,
   ///   replacing values of the same name.
   void SendServerFlowWithAttr(const std::string& spanId, const std::string& event,
-                              std::map<std::string, std::string>& attrs);
+                              std::map<std::string, std::string>& attrs) ZEL_EXCLUDES(rwlock);
   /// Adds "zelVersion", "zelContext" (and "imageVersion" when known) to
   /// `attrs` and hands them to every backend's SendTraceAttr. An empty
   /// `traceId` becomes the process trace id, an empty `spanId` a fresh one.
@@ -235,7 +237,7 @@ class ZEL_API ZelTracer {
   /// @param parentSpan Span id of the parent, handed on unchanged.
   void SendGTraceWithAttr(const std::string& traceId, const std::string& spanId,
                           const std::string& event, std::map<std::string, std::string>& attrs,
-                          const std::string& parentSpan);
+                          const std::string& parentSpan) ZEL_EXCLUDES(rwlock);
 
   // Device-redirection codes as attribute texts.
   /// A 16-bit code as "0x%.4x". Any thread.
@@ -263,14 +265,14 @@ class ZEL_API ZelTracer {
 
  private:
   // The process ids: set by the constructor, then made and read under rwlock.
-  std::string traceId;
-  std::string spanId;
+  std::string traceId ZEL_GUARDED_BY(rwlock);
+  std::string spanId ZEL_GUARDED_BY(rwlock);
   // Not locked: set by Init or SetZelProcessContext before records are sent.
   std::shared_ptr<ZelProcessContextBase> context;
   // Exclusive for backend changes and id creation; shared while a record is
   // dispatched.
-  std::shared_timed_mutex rwlock;
-  std::vector<TracerBackend*> backends;  // guarded by rwlock
+  SharedMutex rwlock;
+  std::vector<TracerBackend*> backends ZEL_GUARDED_BY(rwlock);
 
   // The instance: set once under sMutex, first read without it (double-checked). Atomic.
   ZEL_INTERNAL static std::atomic<ZelTracer*> sZelTracer;
