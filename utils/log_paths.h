@@ -7,14 +7,17 @@
 
 #include <string>
 
+#include "utils/logger.h"  // the strings, and LogPathsMutex(), the lock
+#include "utils/thread_annotations.h"
+
 namespace zel {
 namespace logdetail {
 
 // Each of these takes the lock; any thread.
-void SetFixedBase(const std::string& base);
-std::string FixedBase();
-void SetDayDirectory(const std::string& dir);
-std::string DayDirectory();
+void SetFixedBase(const std::string& base) ZEL_EXCLUDES(LogPathsMutex());
+std::string FixedBase() ZEL_EXCLUDES(LogPathsMutex());
+void SetDayDirectory(const std::string& dir) ZEL_EXCLUDES(LogPathsMutex());
+std::string DayDirectory() ZEL_EXCLUDES(LogPathsMutex());
 
 }  // namespace logdetail
 }  // namespace zel

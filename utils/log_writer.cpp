@@ -21,18 +21,21 @@ namespace {
 // Every writer alive, for the exit and fork handlers. Never destroyed: the
 // exit handler runs while statics are torn down.
 struct Registry {
-  std::mutex mutex;
-  std::vector<LogWriter*> writers;  // guarded by mutex
+  Mutex mutex;
+  std::vector<LogWriter*> writers ZEL_GUARDED_BY(mutex);
 };
 Registry& Writers() {
   static Registry* const registry = new Registry();
   return *registry;
 }
 
-void LockRegistry() { Writers().mutex.lock(); }
-void UnlockRegistry() { Writers().mutex.unlock(); }
+void LockRegistry() ZEL_ACQUIRE(Writers().mutex) { Writers().mutex.Lock(); }
+void UnlockRegistry() ZEL_RELEASE(Writers().mutex) { Writers().mutex.Unlock(); }
 
 }  // namespace
+
+// Runs in the child with the registry locked (LockRegistry, before fork).
+void ForkedChild() ZEL_RELEASE(Writers().mutex);
 
 // fork() copies no thread: in the child, every writer of the parent is left
 // without its thread, and its staging file is still the parent's.
@@ -44,7 +47,7 @@ void ForkedChild() {
 // exit(), a return from main, or the library's unloading: every writer
 // writes what it staged, all of them within kDrainLimit.
 void FinishAllAtExit() {
-  std::lock_guard<std::mutex> lock(Writers().mutex);
+  MutexLock lock(Writers().mutex);
   const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
   for (LogWriter* writer : Writers().writers) {
     if (writer->orphaned) continue;
@@ -57,7 +60,7 @@ void FinishAllAtExit() {
 namespace {
 
 extern "C" void FinishAllAtExitHook() { FinishAllAtExit(); }
-extern "C" void ForkedChildHook() { ForkedChild(); }
+extern "C" void ForkedChildHook() ZEL_RELEASE(Writers().mutex) { ForkedChild(); }
 
 // Once per process: registered with atexit from this library, the handler
 // also runs when the library is unloaded.
@@ -125,15 +128,15 @@ class LogWriter::Batch {
     pieces.push_back({const_cast<char*>(text), length});
   }
   // Writes what the batch holds, then frees the records before the current one.
-  void Flush() { FlushUpTo(current); }
-  void FlushUpTo(uint64_t endSeq) {
+  void Flush() ZEL_EXCLUDES(writer.mutex) { FlushUpTo(current); }
+  void FlushUpTo(uint64_t endSeq) ZEL_EXCLUDES(writer.mutex) {
     if (!pieces.empty()) {
       writer.staging->BeginWrite(endSeq, static_cast<uint64_t>(sizeBefore));
       if (!WriteAll(fileno(target), pieces)) writer.file.LostTrack();
       pieces.clear();
     }
     if (releases) {
-      std::lock_guard<std::mutex> lock(writer.mutex);
+      RingLock lock(writer);
       writer.staging->ReleaseLocked(endSeq);
       writer.roomMade.notify_all();
     }
@@ -152,7 +155,7 @@ LogWriter::LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, Wri
                      std::unique_ptr<StagingArea> staging)
     : owner(std::move(owner)), file(file), rules(rules), staging(std::move(staging)) {
   InstallProcessHooks();
-  std::lock_guard<std::mutex> lock(Writers().mutex);
+  MutexLock lock(Writers().mutex);
   Writers().writers.push_back(this);
 }
 
@@ -162,7 +165,7 @@ void LogWriter::Dispose(std::unique_ptr<LogWriter> writer) {
 
 LogWriter::~LogWriter() {
   {
-    std::lock_guard<std::mutex> lock(Writers().mutex);
+    MutexLock lock(Writers().mutex);
     auto& writers = Writers().writers;
     writers.erase(std::find(writers.begin(), writers.end(), this));
   }
@@ -175,12 +178,12 @@ LogWriter::~LogWriter() {
     // Still stuck: stop it as the loop always stopped, waiting for the write
     // in progress. What is staged stays in the file for the next process.
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      MutexLock lock(mutex);
       stopping = true;
       linesStaged.notify_one();
     }
     looper->Stop();
-    std::lock_guard<std::mutex> lock(mutex);
+    RingLock lock(*this);
     if (staging->HeadLocked() == staging->TailLocked()) staging->RemoveFile();
   }
 }
@@ -203,24 +206,24 @@ void LogWriter::NamingChanged() {
 }
 
 void LogWriter::Run() {
-  std::unique_lock<std::mutex> lock(mutex);
+  RingLock lock(*this);
   for (;;) {
     ReportDropsLocked();
     const uint64_t tail = staging->TailLocked();
     const uint64_t head = staging->HeadLocked();
     if (head != tail) {
-      lock.unlock();
+      lock.Unlock();
       WriteRecords(tail, head);
-      lock.lock();
+      lock.Lock();
       continue;
     }
     if (longText != nullptr) {
       const char* text = longText;
       const size_t length = longLength;
       const bool toBackends = longToBackends;
-      lock.unlock();
+      lock.Unlock();
       WriteLongLine(text, length, toBackends);
-      lock.lock();
+      lock.Lock();
       longText = nullptr;
       ++longWritten;
       roomMade.notify_all();
@@ -229,7 +232,7 @@ void LogWriter::Run() {
     allWritten.notify_all();
     if (stopping) break;
     writerWaiting = true;
-    linesStaged.wait(lock);
+    linesStaged.wait(lock.native());
     writerWaiting = false;
   }
 }
@@ -317,8 +320,20 @@ long LogWriter::FileSizeNow() const {
 
 int LogWriter::Append(const char* text, size_t length, bool toBackends) {
   if (orphaned.load(std::memory_order_relaxed)) return 0;
-  std::unique_lock<std::mutex> lock(mutex);
-  if (!staging->Fits(length)) return AppendLongLine(lock, text, length, toBackends);
+  RingLock lock(*this);
+  if (!staging->Fits(length)) {
+    // A line too long to stage.
+    if (OnWriterThread()) {
+      ++dropped;
+      return 0;
+    }
+    if (!finished) return AppendLongLineLocked(lock, text, length, toBackends);
+    WriteStagedHereLocked(lock);
+    lock.Unlock();  // writeHere is never taken with mutex held
+    MutexLock here(writeHere);
+    WriteLongLine(text, length, toBackends);
+    return 0;
+  }
   if (OnWriterThread()) {
     // A sink that logs: the writer cannot wait for itself.
     if (longText != nullptr || !staging->HasRoomLocked(length)) {
@@ -328,35 +343,24 @@ int LogWriter::Append(const char* text, size_t length, bool toBackends) {
   } else {
     // After Finish nothing is left staged for long: Finish and every later
     // line write what is staged, which makes the room waited for here.
-    while (longText != nullptr || !staging->HasRoomLocked(length)) roomMade.wait(lock);
+    while (longText != nullptr || !staging->HasRoomLocked(length)) roomMade.wait(lock.native());
   }
   staging->AppendLocked(text, length, toBackends);
   if (finished) {
-    WriteStagedHere(lock);
+    WriteStagedHereLocked(lock);
     return 0;
   }
   const bool wake = writerWaiting;
   writerWaiting = false;
-  lock.unlock();
+  lock.Unlock();
   if (wake) linesStaged.notify_one();
   return 0;
 }
 
-int LogWriter::AppendLongLine(std::unique_lock<std::mutex>& lock, const char* text, size_t length,
-                              bool toBackends) {
-  if (OnWriterThread()) {
-    ++dropped;
-    return 0;
-  }
-  if (finished) {
-    WriteStagedHere(lock);
-    lock.unlock();  // writeHere is never taken with mutex held
-    std::lock_guard<std::mutex> here(writeHere);
-    WriteLongLine(text, length, toBackends);
-    return 0;
-  }
+int LogWriter::AppendLongLineLocked(RingLock& lock, const char* text, size_t length,
+                                    bool toBackends) {
   // In order: after everything staged before it, before anything after it.
-  roomMade.wait(lock, [this] {
+  roomMade.wait(lock.native(), [this]() ZEL_REQUIRES(mutex, *staging) {
     return longText == nullptr && staging->HeadLocked() == staging->TailLocked();
   });
   longText = text;
@@ -367,20 +371,18 @@ int LogWriter::AppendLongLine(std::unique_lock<std::mutex>& lock, const char* te
     writerWaiting = false;
     linesStaged.notify_one();
   }
-  roomMade.wait(lock, [this, ticket] { return longWritten >= ticket; });
+  roomMade.wait(lock.native(),
+                [this, ticket]() ZEL_REQUIRES(mutex) { return longWritten >= ticket; });
   return 0;
 }
 
-void LogWriter::WriteStagedHere(std::unique_lock<std::mutex>& lock) {
+void LogWriter::WriteStagedHereLocked(RingLock& lock) {
   const uint64_t tail = staging->TailLocked();
   const uint64_t head = staging->HeadLocked();
   if (tail == head) return;
-  lock.unlock();
-  {
-    std::lock_guard<std::mutex> here(writeHere);
-    WriteRecords(tail, head);
-  }
-  lock.lock();
+  RingUnlock unlocked(*this, lock);
+  MutexLock here(writeHere);
+  WriteRecords(tail, head);
 }
 
 void LogWriter::ReportDropsLocked() {
@@ -394,28 +396,29 @@ void LogWriter::ReportDropsLocked() {
 }
 
 bool LogWriter::Finish(std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(mutex);
+  RingLock lock(*this);
   if (finished) return true;
   linesStaged.notify_one();
-  const bool drained = allWritten.wait_for(lock, limit, [this] {
-    return staging->HeadLocked() == staging->TailLocked() && longText == nullptr;
-  });
+  const bool drained =
+      allWritten.wait_for(lock.native(), limit, [this]() ZEL_REQUIRES(mutex, *staging) {
+        return staging->HeadLocked() == staging->TailLocked() && longText == nullptr;
+      });
   if (!drained) return false;
   stopping = true;
   linesStaged.notify_one();
-  lock.unlock();
+  lock.Unlock();
   looper->Stop();  // the writer leaves once nothing is staged
-  lock.lock();
+  lock.Lock();
   finished = true;
   writerThread = std::thread::id();
-  WriteStagedHere(lock);  // what came after the writer's last look
-  staging->RemoveFile();  // a clean end: nothing is left to recover
+  WriteStagedHereLocked(lock);  // what came after the writer's last look
+  staging->RemoveFile();        // a clean end: nothing is left to recover
   return true;
 }
 
 void LogWriter::GiveUp() {
   abandoned = true;
-  std::lock_guard<std::mutex> lock(mutex);
+  RingLock lock(*this);
   const unsigned long long left = staging->HeadLocked() - staging->TailLocked();
   if (staging->FileBacked()) {
     printf("zel log: gave up waiting %lld s for the disk; %llu lines stay staged in %s\n",

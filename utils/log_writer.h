@@ -24,14 +24,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
 
 #include "utils/looper.h"
+#include "utils/mutex.h"
 #include "utils/rotating_file.h"
 #include "utils/staging_area.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 namespace logdetail {
@@ -109,7 +112,7 @@ class LogWriter {
   // staging area waits until everything before it is written and the writer
   // has written it. In a forked child (no writer thread there) the line is
   // accepted and goes nowhere, as it always did.
-  int Append(const char* text, size_t length, bool toBackends);
+  int Append(const char* text, size_t length, bool toBackends) ZEL_EXCLUDES(mutex);
 
   // The file the next line goes to, rotated or (re)opened as the owner's
   // rules say (the owner's getFile). Writer thread only.
@@ -118,60 +121,93 @@ class LogWriter {
   // Waits until everything staged is written, for at most `limit`; then stops
   // the writer thread. Later lines are written by the thread that logs them.
   // False when the writer did not get through (it is left running).
-  bool Finish(std::chrono::milliseconds limit);
+  bool Finish(std::chrono::milliseconds limit) ZEL_EXCLUDES(mutex);
 
  private:
   class Batch;
 
+  // Holds `mutex`, and with it the staging ring that it guards.
+  class ZEL_SCOPED_CAPABILITY RingLock : public MutexLock {
+   public:
+    explicit RingLock(LogWriter& writer) ZEL_ACQUIRE(writer.mutex, *writer.staging)
+        : MutexLock(writer.mutex) {}
+    ~RingLock() ZEL_RELEASE() {}
+  };
+  // Lets go of a RingLock's mutex and ring for a scope, and takes them back
+  // at its end. An exception leaving the scope leaves them let go, as a plain
+  // unlock would, and the RingLock knows it holds nothing.
+  class ZEL_SCOPED_CAPABILITY RingUnlock {
+   public:
+    // `writer` names, for the lock checks, what `lock` holds.
+    RingUnlock([[maybe_unused]] LogWriter& writer, RingLock& lock)
+        ZEL_RELEASE(writer.mutex, *writer.staging)
+        : held(lock), exceptions(std::uncaught_exceptions()) {
+      held.native().unlock();
+    }
+    ~RingUnlock() ZEL_RELEASE() {
+      if (std::uncaught_exceptions() == exceptions) held.native().lock();
+    }
+    RingUnlock(const RingUnlock&) = delete;
+    RingUnlock& operator=(const RingUnlock&) = delete;
+
+   private:
+    RingLock& held;
+    const int exceptions;
+  };
+
   // The writer thread's loop: waits for lines, writes them, until stopped.
-  void Run();
+  void Run() ZEL_EXCLUDES(mutex);
   // Writes records [from, to), freeing them as they reach the disk. The
   // writer thread, or a caller once the writer is finished.
-  void WriteRecords(uint64_t from, uint64_t to);
+  void WriteRecords(uint64_t from, uint64_t to) ZEL_EXCLUDES(mutex);
   // A line too long to stage, written on its own.
-  void WriteLongLine(const char* text, size_t length, bool toBackends);
+  void WriteLongLine(const char* text, size_t length, bool toBackends) ZEL_EXCLUDES(mutex);
   // One line through the owner's rules into `batch`.
-  void WriteLine(const char* text, size_t length, bool toBackends, bool& checked, Batch& batch);
+  void WriteLine(const char* text, size_t length, bool toBackends, bool& checked, Batch& batch)
+      ZEL_EXCLUDES(mutex);
   // The file for the next line. The path is looked up for the first line of
   // a batch only (`checked` false); later lines go by what this writer wrote.
   // Flushes `batch` (if any) before a rotation.
-  FILE* FileForLine(bool& checked, Batch* batch);
+  FILE* FileForLine(bool& checked, Batch* batch) ZEL_EXCLUDES(mutex);
   // The current file's size before a write, for recovery to tell what of
   // the write reached it.
   long FileSizeNow() const;
-  int AppendLongLine(std::unique_lock<std::mutex>& lock, const char* text, size_t length,
-                     bool toBackends);
-  // Writes what is staged on the calling thread (once the writer finished).
-  void WriteStagedHere(std::unique_lock<std::mutex>& lock);
+  // Hands a line too long to stage to the writer thread, in order, and waits
+  // until it is written. Not on the writer thread, nor once it finished.
+  int AppendLongLineLocked(RingLock& lock, const char* text, size_t length, bool toBackends)
+      ZEL_REQUIRES(mutex, *staging);
+  // Writes what is staged on the calling thread (once the writer finished),
+  // letting go of `lock` meanwhile.
+  void WriteStagedHereLocked(RingLock& lock) ZEL_REQUIRES(mutex, *staging);
   // Stages the line reporting what the writer thread dropped, once it fits.
-  void ReportDropsLocked();
+  void ReportDropsLocked() ZEL_REQUIRES(mutex, *staging);
   // Says on stdout that the writer did not finish in time; its thread is
   // then neither waited for nor joined.
-  void GiveUp();
+  void GiveUp() ZEL_EXCLUDES(mutex);
   bool OnWriterThread() const { return writerThread.load() == std::this_thread::get_id(); }
 
   const std::unique_ptr<WriterOwner> owner;
   RotatingFile& file;  // writer thread only (or a finishing caller, under writeHere)
   const WriterRules rules;
-  // Its ring is guarded by mutex; the records the writer took, and the
-  // fields only the writer writes, are the writer's.
+  // Its ring is guarded by mutex (RingLock holds both); the records the
+  // writer took, and the fields only the writer writes, are the writer's.
   const std::unique_ptr<StagingArea> staging;
 
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable linesStaged;  // the writer waits here for lines
   std::condition_variable roomMade;     // callers wait here for room, or their long line
   std::condition_variable allWritten;   // Finish waits here
-  bool writerWaiting = false;           // guarded by mutex
-  bool stopping = false;                // guarded by mutex: the writer thread leaves when empty
-  bool finished = false;                // guarded by mutex: callers write their own lines
+  bool writerWaiting ZEL_GUARDED_BY(mutex) = false;
+  bool stopping ZEL_GUARDED_BY(mutex) = false;  // the writer thread leaves when empty
+  bool finished ZEL_GUARDED_BY(mutex) = false;  // callers write their own lines
   // A line too long to stage, handed to the writer, and how many such lines
-  // were written. Guarded by mutex.
-  const char* longText = nullptr;
-  size_t longLength = 0;
-  bool longToBackends = false;
-  uint64_t longWritten = 0;
-  // Lines of the writer thread itself that found no room. Guarded by mutex.
-  unsigned long long dropped = 0;
+  // were written.
+  const char* longText ZEL_GUARDED_BY(mutex) = nullptr;
+  size_t longLength ZEL_GUARDED_BY(mutex) = 0;
+  bool longToBackends ZEL_GUARDED_BY(mutex) = false;
+  uint64_t longWritten ZEL_GUARDED_BY(mutex) = 0;
+  // Lines of the writer thread itself that found no room.
+  unsigned long long dropped ZEL_GUARDED_BY(mutex) = 0;
   // The current file's stream position as a line-by-line writer would read
   // it before the next line. Writer thread only.
   long position = 0;
@@ -183,8 +219,9 @@ class LogWriter {
   // Given up at exit: the thread is stuck and must not be joined. Atomic.
   std::atomic<bool> abandoned{false};
   // Serialises callers that write their own lines once the writer finished.
-  // Taken without mutex held; mutex may be taken under it.
-  std::mutex writeHere;
+  // Taken without mutex held (what it serialises, WriteRecords and
+  // WriteLongLine, exclude mutex); mutex may be taken under it.
+  Mutex writeHere;
   // The writer thread. Made by Start; stopped by Finish or the destructor.
   std::unique_ptr<Looper> looper;
 

@@ -56,11 +56,11 @@ class ProcessLogHooks : public WriterOwner, public LineSinks {
   void RemoveExpired(unsigned char index) override { logger.updateLogFile(index); }
   LineSinks* Sinks() override { return this; }
   bool Attached() override {
-    std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
+    ReaderLock lock(logger.mBackendMutex);
     return !logger.mBackends.empty();
   }
   void Take(const char* text, size_t length) override {
-    std::shared_lock<std::shared_timed_mutex> lock(logger.mBackendMutex);
+    ReaderLock lock(logger.mBackendMutex);
     if (logger.mBackends.empty()) return;
     const std::string line(text, length);
     for (LogBackend* backend : logger.mBackends) backend->Log(line);
@@ -143,12 +143,12 @@ int Logger::Log(const char* text, size_t length, int level, bool toBackends) {
 }
 
 void Logger::AddBackend(LogBackend* backend) {
-  std::unique_lock<std::shared_timed_mutex> lock(mBackendMutex);
+  WriterLock lock(mBackendMutex);
   mBackends.push_back(backend);
 }
 
 void Logger::RemoveBackend(LogBackend* backend) {
-  std::unique_lock<std::shared_timed_mutex> lock(mBackendMutex);
+  WriterLock lock(mBackendMutex);
   mBackends.erase(std::remove(mBackends.begin(), mBackends.end(), backend), mBackends.end());
 }
 

@@ -34,7 +34,9 @@
 
 #include "utils/export.h"
 #include "utils/looper.h"
+#include "utils/mutex.h"
 #include "utils/rotating_file.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 
@@ -42,6 +44,12 @@ namespace logdetail {
 class LogWriter;
 class ProcessLogHooks;
 }  // namespace logdetail
+
+/// @cond internal
+// The library's path lock (log_paths.cpp), which guards mDirPrefix and
+// mFixedDirPrefix. Declared here to name it in the lock rules; not exported.
+Mutex& LogPathsMutex();
+/// @endcond
 
 /// A sink for log lines. Clients attach their own to the Logger (AddBackend);
 /// attached sinks run on the Logger's thread, under its shared backend lock.
@@ -126,11 +134,11 @@ class ZEL_API Logger : public LogBackend {
   /// Attach a client sink (not owned). Takes the backend lock exclusively.
   /// Any thread.
   /// @param backend The sink; must stay alive until it is removed.
-  void AddBackend(LogBackend* backend);
+  void AddBackend(LogBackend* backend) ZEL_EXCLUDES(mBackendMutex);
   /// Detach a client sink (every entry of it). Takes the backend lock
   /// exclusively, so it waits for a sink call in progress. Any thread.
   /// @param backend The sink to detach.
-  void RemoveBackend(LogBackend* backend);
+  void RemoveBackend(LogBackend* backend) ZEL_EXCLUDES(mBackendMutex);
 
   /// Computes the day directory and starts the writer thread. Run by the
   /// constructor; not to be called again while lines are logged.
@@ -168,10 +176,12 @@ class ZEL_API Logger : public LogBackend {
   /// Logger thread and read by zel_get_log_path, both under the library's
   /// path lock; read it through zel_get_log_path. Never destroyed: the Logger
   /// thread may still read it while the process exits.
+  ZEL_GUARDED_BY(LogPathsMutex())
   static std::string& mDirPrefix;
   /// The fixed log base ("" for the default). Written by zel_set_log_path and
   /// read by the Logger thread, both under the library's path lock; set it
   /// through zel_set_log_path. Never destroyed, like mDirPrefix.
+  ZEL_GUARDED_BY(LogPathsMutex())
   static std::string& mFixedDirPrefix;
 
  private:
@@ -183,7 +193,7 @@ class ZEL_API Logger : public LogBackend {
   ZEL_INTERNAL logdetail::FileNaming Naming() const;
 
   // Guards mBackends: shared while sinks run, exclusive to attach or detach.
-  std::shared_timed_mutex mBackendMutex;
+  SharedMutex mBackendMutex;
   std::string mUnused;  // never used
   // Directory, time tag, process tag and directory length of the file names,
   // the file mode and the day: Logger thread only (and init()).
@@ -205,7 +215,7 @@ class ZEL_API Logger : public LogBackend {
   // reads the pointer unlocked, so init() is not called again while lines
   // are logged.
   std::unique_ptr<logdetail::LogWriter> mWriter;
-  std::vector<LogBackend*> mBackends;  // guarded by mBackendMutex
+  std::vector<LogBackend*> mBackends ZEL_GUARDED_BY(mBackendMutex);
 };
 
 /// Builds a log directory path and creates its last component if missing

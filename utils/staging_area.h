@@ -12,11 +12,16 @@
 #include <string>
 
 #include "utils/staging_format.h"
+#include "utils/thread_annotations.h"
 
 namespace zel {
 namespace logdetail {
 
-class StagingArea {
+// The ring (its head, tail and room) is guarded by the owner's lock, which
+// this class cannot name: to the lock checks the area is itself a lock, the
+// `*Locked` members require it, and the owner takes it together with its own
+// lock (LogWriter::RingLock).
+class ZEL_CAPABILITY("staging ring") StagingArea {
  public:
   struct Sizes {
     uint64_t slots;      // records at most
@@ -49,13 +54,13 @@ class StagingArea {
   void RemoveFile();
 
   // Producers and the writer, with the owner's lock held.
-  bool HasRoomLocked(size_t length) const;
+  bool HasRoomLocked(size_t length) const ZEL_REQUIRES(this);
   // Stages a line that Fits() and has room.
-  void AppendLocked(const char* text, size_t length, bool toBackends);
-  uint64_t HeadLocked() const { return header->headSeq; }
-  uint64_t TailLocked() const { return header->tailSeq; }
+  void AppendLocked(const char* text, size_t length, bool toBackends) ZEL_REQUIRES(this);
+  uint64_t HeadLocked() const ZEL_REQUIRES(this) { return header->headSeq; }
+  uint64_t TailLocked() const ZEL_REQUIRES(this) { return header->tailSeq; }
   // Records before `endSeq` are on disk: their room is free again.
-  void ReleaseLocked(uint64_t endSeq);
+  void ReleaseLocked(uint64_t endSeq) ZEL_REQUIRES(this);
 
   // Writer thread only, for records the writer saw below the head.
   Record At(uint64_t seq) const;
