@@ -15,6 +15,7 @@
 # fuzz      fuzz/run.sh                        clang and libFuzzer
 # coverage  .ci/coverage                       gcovr
 # bench     bench/run.sh                       the contenders (spdlog, Boost.Asio)
+# locks     .ci/run                            clang's lock checks over the library
 set -euo pipefail
 
 packages_of() {
@@ -28,7 +29,8 @@ packages_of() {
     coverage) echo gcovr git ;;
     bench) echo build-essential cmake pkg-config libglib2.0-dev libjsoncpp-dev \
                 libbenchmark-dev libspdlog-dev libboost-dev libcli11-dev ;;
-    *) echo "$0: unknown package group '$1' (demo test checks fuzz coverage bench)" >&2
+    locks) echo clang-14 make cmake pkg-config libglib2.0-dev libjsoncpp-dev ;;
+    *) echo "$0: unknown package group '$1' (demo test checks fuzz coverage bench locks)" >&2
        return 2 ;;
   esac
 }
