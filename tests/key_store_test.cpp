@@ -996,15 +996,8 @@ class AppPathsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(lock_.held());
-    char pattern[] = "/tmp/zel_app_paths_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
     // Reachable by the unprivileged user the tests switch to.
     ASSERT_EQ(0, chmod(dir_.c_str(), 0777));
-  }
-  void TearDown() override {
-    std::error_code error;
-    fs::remove_all(dir_, error);
   }
 
   using Environment = std::vector<std::pair<std::string, const char*>>;
@@ -1083,7 +1076,10 @@ class AppPathsTest : public ::testing::Test {
   }
 
   SharedFileLock lock_;
-  std::string dir_;
+  // In /tmp itself, where the unprivileged user can reach it.
+  zeltest::TempDir scratch_{"zel_app_paths", "/tmp"};
+  // The scratch folder, without a trailing slash.
+  const std::string dir_ = scratch_.path().substr(0, scratch_.path().size() - 1);
 };
 
 TEST_F(AppPathsTest, OrdinaryUserPathsEndInSlashUnderDataHome) {
