@@ -127,8 +127,7 @@ Flood FloodFor(int seconds) {
   sampler.join();
   const auto ended = Clock::now();
   WaitUntilWritten();
-  return {lines.load(), peak.load(),
-          std::chrono::duration<double>(Clock::now() - ended).count()};
+  return {lines.load(), peak.load(), std::chrono::duration<double>(Clock::now() - ended).count()};
 }
 
 // Milliseconds the next process takes to write a full staging file.
@@ -188,21 +187,23 @@ int main(int argc, char** argv) {
 
   const double perLine = static_cast<double>(heapStaged - heapBefore) / kStagedLines;
   printf("heap bytes per staged line: %.1f\n", perLine);
-  printf("resident size: %ld KiB before the log, %ld KiB idle after starting it (+%ld KiB), "
-         "%ld KiB with %d lines staged\n",
-         residentBefore, residentIdle, residentIdle - residentBefore, residentStaged,
-         kStagedLines);
-  printf("flood, %d threads for %d s: %lld lines accepted (%.0f/s), peak resident %ld KiB "
-         "(+%ld KiB over idle), the last on disk %.3f s after the flood\n",
-         kFlooders, floodSeconds, flood.lines, flood.lines / static_cast<double>(floodSeconds),
-         flood.peakKiB, flood.peakKiB - residentIdle, flood.drainSeconds);
+  printf(
+      "resident size: %ld KiB before the log, %ld KiB idle after starting it (+%ld KiB), "
+      "%ld KiB with %d lines staged\n",
+      residentBefore, residentIdle, residentIdle - residentBefore, residentStaged, kStagedLines);
+  printf(
+      "flood, %d threads for %d s: %lld lines accepted (%.0f/s), peak resident %ld KiB "
+      "(+%ld KiB over idle), the last on disk %.3f s after the flood\n",
+      kFlooders, floodSeconds, flood.lines, flood.lines / static_cast<double>(floodSeconds),
+      flood.peakKiB, flood.peakKiB - residentIdle, flood.drainSeconds);
   printf("recovery of a full staging file (32,768 lines, 2 MiB): %.1f ms\n", recoveryMs);
-  printf("RESULT memory.heap_per_staged_line %.1f\nRESULT memory.idle_rss_kib %ld\n"
-         "RESULT memory.idle_rss_added_kib %ld\nRESULT memory.flood_peak_added_kib %ld\n"
-         "RESULT memory.flood_lines_per_s %.0f\nRESULT memory.flood_drain_s %.3f\n"
-         "RESULT memory.recovery_ms %.1f\n",
-         perLine, residentIdle, residentIdle - residentBefore, flood.peakKiB - residentIdle,
-         flood.lines / static_cast<double>(floodSeconds), flood.drainSeconds, recoveryMs);
+  printf(
+      "RESULT memory.heap_per_staged_line %.1f\nRESULT memory.idle_rss_kib %ld\n"
+      "RESULT memory.idle_rss_added_kib %ld\nRESULT memory.flood_peak_added_kib %ld\n"
+      "RESULT memory.flood_lines_per_s %.0f\nRESULT memory.flood_drain_s %.3f\n"
+      "RESULT memory.recovery_ms %.1f\n",
+      perLine, residentIdle, residentIdle - residentBefore, flood.peakKiB - residentIdle,
+      flood.lines / static_cast<double>(floodSeconds), flood.drainSeconds, recoveryMs);
   std::filesystem::remove_all(dir);
   return 0;
 }
