@@ -132,7 +132,7 @@ void LineStream::CloseCurrent() {
 ssize_t LineStream::ReadFront(char* into, size_t size) {
   if (front_text_ == nullptr) return read(fd_, into, size);
   const size_t count = std::min<size_t>(size, front_text_->size() - offset_);
-  std::memcpy(into, front_text_->data() + offset_, count);
+  std::copy_n(front_text_->data() + offset_, count, into);
   return static_cast<ssize_t>(count);
 }
 
