@@ -10,6 +10,9 @@
 //   log_end_child <base/> <lines> stuckmem the same, staging in memory (no file can be made)
 //   log_end_child <base/> <lines> late     exit(0); then an exit handler that ran before the
 //                                          log started logs <lines> more and a 3 MiB line
+//   log_end_child <base/> <lines> <end> held
+//                                          the same, while a sink holds the writer from the
+//                                          first line on: every line is still staged at the end
 //
 // Line i reads "[prefix] line NNNNN of <pid>". Exit status 2 on bad use.
 #include <signal.h>
@@ -55,8 +58,9 @@ void LogLate() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) return 2;
+  if (argc != 4 && !(argc == 5 && std::strcmp(argv[4], "held") == 0)) return 2;
   const std::string how = argv[3];
+  const bool held = argc == 5;
   const int lines = std::atoi(argv[2]);
   // No core files from the deaths asked for.
   const rlimit noCore{0, 0};
@@ -73,7 +77,7 @@ int main(int argc, char** argv) {
     const rlimit small{64 * 1024, 64 * 1024};
     setrlimit(RLIMIT_FSIZE, &small);
   }
-  const bool stuck = how == "stuck" || how == "stuckmem";
+  const bool stuck = how == "stuck" || how == "stuckmem" || held;
   if (stuck) zel::Logger::GetInstance()->AddBackend(new StuckSink());
   for (int i = 0; i < lines; ++i) {
     log_print(3, stuck ? 1 : 0, "line %05d of %d", i, static_cast<int>(getpid()));

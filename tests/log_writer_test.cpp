@@ -28,6 +28,12 @@
 #include "utils/logger_file.h"
 #include "utils/zel_log.h"
 
+// A forked child of this multithreaded process holds memory that only its
+// parent's threads pointed to (from their stacks, which no thread of the
+// child owns): the leak check at its exit would report it. Children set this.
+bool gInForkedChild = false;
+extern "C" int __lsan_is_turned_off() { return gInForkedChild ? 1 : 0; }
+
 namespace {
 
 using zeltest::FileNames;
@@ -40,8 +46,9 @@ struct Ending {
   pid_t pid = -1;
 };
 
-// Runs log_end_child on `base`: `lines` numbered lines, then the end `how`.
-Ending RunEndChild(const std::string& base, int lines, const std::string& how) {
+// Runs log_end_child on `base`: `lines` numbered lines, then the end `how`;
+// `held`: with the writer held from the first line, so that all are staged.
+Ending RunEndChild(const std::string& base, int lines, const std::string& how, bool held = false) {
   Ending ending;
   int fds[2];
   if (pipe(fds) != 0) return ending;
@@ -55,7 +62,8 @@ Ending RunEndChild(const std::string& base, int lines, const std::string& how) {
     // judge them so.
     setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     const std::string count = std::to_string(lines);
-    execl(ZEL_END_CHILD, ZEL_END_CHILD, base.c_str(), count.c_str(), how.c_str(), nullptr);
+    execl(ZEL_END_CHILD, ZEL_END_CHILD, base.c_str(), count.c_str(), how.c_str(),
+          held ? "held" : nullptr, nullptr);
     _exit(127);
   }
   close(fds[1]);
@@ -137,8 +145,12 @@ TEST_P(ProcessDeath, TheNextProcessWritesEveryLineOnceInOrderAndSaysSo) {
   zeltest::TempDir base;
   std::vector<pid_t> dead;
   for (int run = 0; run < kRuns; ++run) {
-    // Each run's process also recovers what the one before it left.
-    const Ending ending = RunEndChild(base.path(), 2000, GetParam());
+    // Each run's process also recovers what the one before it left. Every
+    // other run holds the writer, so that some lines are surely left however
+    // long the death takes (a sanitizer's report takes its time); the others
+    // die wherever the writer happens to be.
+    const bool held = run % 2 == 1;
+    const Ending ending = RunEndChild(base.path(), 2000, GetParam(), held);
     ASSERT_TRUE(WIFSIGNALED(ending.status) || WIFEXITED(ending.status)) << ending.status;
     ASSERT_FALSE(WIFEXITED(ending.status) && WEXITSTATUS(ending.status) == 0);
     dead.push_back(ending.pid);
@@ -150,7 +162,7 @@ TEST_P(ProcessDeath, TheNextProcessWritesEveryLineOnceInOrderAndSaysSo) {
       << "only this process's own staging file is left";
   for (pid_t pid : dead) EXPECT_TRUE(EachOnceInOrder(NumbersOf(base.path(), pid), 2000)) << pid;
   const std::vector<std::string> reports = RecoveryLines(base.path());
-  EXPECT_FALSE(reports.empty());
+  EXPECT_GE(reports.size(), static_cast<size_t>(kRuns / 2));
   const std::regex report(
       R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d{3}\]\[tid:\d+\] zel log: recovered \d+ lines that )"
       R"(log_end_child \(pid \d+\) had not written when it ended)");
@@ -246,6 +258,7 @@ TEST(ForkedChild, LoggingBeforeExecLeavesTheParentsStagingAndLinesAlone) {
   for (int i = 0; i < 100; ++i) log_print(3, 0, "line %05d of %d", i, static_cast<int>(getpid()));
   const pid_t child = fork();
   if (child == 0) {
+    gInForkedChild = true;
     for (int i = 0; i < 1000; ++i) log_print(3, 0, "child line %05d", i);
     exit(0);  // runs the exit handlers: they must leave the parent's writer alone
   }
@@ -271,6 +284,7 @@ TEST(ForkedChild, DestroyingItsCopyOfANamedLogLeavesTheParentsAlone) {
   ASSERT_TRUE(zeltest::WaitForLogs([&] { return zeltest::LinesBelow(dir.path()).size() == 1; }));
   const pid_t child = fork();
   if (child == 0) {
+    gInForkedChild = true;
     file.reset();  // no writer thread here to wait for, no staging file to remove
     exit(0);
   }
