@@ -8,6 +8,10 @@
 //   log_end_child <base/> <lines> kill     SIGKILL, as a watchdog would send it
 //   log_end_child <base/> <lines> stuck    exit(0) while a sink holds the writer for ever
 //   log_end_child <base/> <lines> stuckmem the same, staging in memory (no file can be made)
+//   log_end_child <base/> <lines> stuckowned
+//                                          the same with a Logger of its own, held by a global
+//                                          made before the log started: destroyed after the
+//                                          exit handler gave up on it
 //   log_end_child <base/> <lines> late     exit(0); then an exit handler that ran before the
 //                                          log started logs <lines> more and a 3 MiB line
 //   log_end_child <base/> <lines> <end> held
@@ -23,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "utils/logger.h"
@@ -45,6 +50,9 @@ class StuckSink : public zel::LogBackend {
 };
 
 int gLateLines = 0;
+
+// Made before main, so destroyed after the log's exit handler has run.
+std::optional<zel::Logger> gOwnedLogger;
 
 // Registered before the log starts, so it runs after the log's own exit
 // handler: its lines are written by the thread that logs them.
@@ -76,6 +84,16 @@ int main(int argc, char** argv) {
     signal(SIGXFSZ, SIG_IGN);
     const rlimit small{64 * 1024, 64 * 1024};
     setrlimit(RLIMIT_FSIZE, &small);
+  }
+  if (how == "stuckowned") {
+    gOwnedLogger.emplace();
+    gOwnedLogger->AddBackend(new StuckSink());
+    for (int i = 0; i < lines; ++i) {
+      gOwnedLogger->Log("[owned] line " + std::to_string(100000 + i).substr(1) + " of " +
+                            std::to_string(getpid()) + "\n",
+                        3, true);
+    }
+    exit(0);
   }
   const bool stuck = how == "stuck" || how == "stuckmem" || held;
   if (stuck) zel::Logger::GetInstance()->AddBackend(new StuckSink());

@@ -190,6 +190,24 @@ TEST(ProcessStuck, ExitGivesUpAfterFiveSecondsSaysSoAndTheLinesAreRecovered) {
   EXPECT_EQ(zeltest::Sequence(5), NumbersOf(base.path(), ending.pid));
 }
 
+TEST(ProcessStuck, ALoggerDestroyedAfterTheExitHandlerGaveUpOnItDoesNotWaitAgain) {
+  zeltest::TempDir base;
+  const auto start = std::chrono::steady_clock::now();
+  const Ending ending = RunEndChild(base.path(), 5, "stuckowned");  // hangs if it waits again
+  const auto took = std::chrono::steady_clock::now() - start;
+  ASSERT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(0, WEXITSTATUS(ending.status));
+  EXPECT_LT(took, std::chrono::seconds(30));
+  const std::string gaveUp = "zel log: gave up waiting 5 s for the disk; 5 lines stay staged in ";
+  const size_t first = ending.out.find(gaveUp);
+  ASSERT_NE(std::string::npos, first) << ending.out;
+  EXPECT_EQ(std::string::npos, ending.out.find(gaveUp, first + 1)) << ending.out;
+  zel_set_log_path(base.path().c_str());
+  zel::Logger::GetInstance();
+  ASSERT_TRUE(zeltest::WaitForLogs([&] { return RecoveryLines(base.path()).size() == 1; }));
+  EXPECT_EQ(zeltest::Sequence(5), NumbersOf(base.path(), ending.pid));
+}
+
 TEST(ProcessStuck, StagedInMemoryExitGivesUpAndSaysTheLinesAreLost) {
   zeltest::TempDir base;
   const Ending ending = RunEndChild(base.path(), 5, "stuckmem");
