@@ -99,13 +99,14 @@ bool Looper::RunBatch(Queue& batch, long long now) {
     msg.reset();
     if (LoopThread::OwnerDestroyed()) return false;
   }
-  Queue dropped = ReturnLeftovers(batch, now);
+  if (batch.empty()) return true;  // the usual end: no lock to take again
+  Dropped dropped = ReturnLeftovers(batch, now);
   dropped.clear();  // their destructors may destroy the loop too
   return !LoopThread::OwnerDestroyed();
 }
 
-Looper::Queue Looper::ReturnLeftovers(Queue& batch, long long now) {
-  Queue dropped;
+Looper::Dropped Looper::ReturnLeftovers(Queue& batch, long long now) {
+  Dropped dropped;
   MutexLock lock(mutex);
   if (loop.Stopped()) {
     // Stopped while the batch ran: its due rest goes unrun. (Restarted on a

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "utils/export.h"
 #include "utils/loop_thread.h"
@@ -157,6 +158,8 @@ class Looper {
  private:
   // One contiguous FIFO: posting costs no allocation of its own.
   using Queue = std::deque<std::unique_ptr<Message>>;
+  // Messages taken out to be destroyed unrun (empty, it allocates nothing).
+  using Dropped = std::vector<std::unique_ptr<Message>>;
 
   // Moves the whole queue into `batch` once its front is due at `now`, or
   // waits up to a second for a post; false if there is nothing to run.
@@ -168,7 +171,7 @@ class Looper {
   // Puts what `batch` still holds back at the head of the queue, in order;
   // when the loop is stopped (not restarted), its due messages are returned
   // instead, to be dropped unrun. Takes the lock.
-  Queue ReturnLeftovers(Queue& batch, long long now) ZEL_EXCLUDES(mutex);
+  Dropped ReturnLeftovers(Queue& batch, long long now) ZEL_EXCLUDES(mutex);
   // Waits on `cond` for up to a second, saying so in `waiting`; `lock` holds
   // mutex.
   void WaitLocked(MutexLock& lock) ZEL_REQUIRES(mutex);
