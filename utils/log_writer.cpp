@@ -160,7 +160,10 @@ LogWriter::LogWriter(std::unique_ptr<WriterOwner> owner, RotatingFile& file, Wri
 }
 
 void LogWriter::Dispose(std::unique_ptr<LogWriter> writer) {
-  if (writer && writer->orphaned) (void)writer.release();
+  // An abandoned writer's thread is stuck inside it (given up at exit): the
+  // writer, its hooks and its loop are never freed, and the thread is neither
+  // waited for nor joined. (The owner's own members still go with the owner.)
+  if (writer && (writer->orphaned || writer->abandoned)) (void)writer.release();
 }
 
 LogWriter::~LogWriter() {
@@ -168,11 +171,6 @@ LogWriter::~LogWriter() {
     MutexLock lock(Writers().mutex);
     auto& writers = Writers().writers;
     writers.erase(std::find(writers.begin(), writers.end(), this));
-  }
-  if (abandoned) {
-    // Its thread is stuck (given up at exit): neither waited for nor joined.
-    (void)looper.release();
-    return;
   }
   if (!Finish(std::chrono::duration_cast<std::chrono::milliseconds>(kDrainLimit))) {
     // Still stuck: stop it as the loop always stopped, waiting for the write

@@ -92,8 +92,9 @@ class LogWriter {
 
   // Ends `writer` as its destructor does; in a forked child (where the
   // writer thread does not exist and may have been waiting on the writer's
-  // condition variables, which could then never be destroyed) leaves it
-  // alone instead. Owner only.
+  // condition variables, which could then never be destroyed), or once the
+  // exit handler gave up on its stuck thread, leaves it alone instead. Owner
+  // only.
   static void Dispose(std::unique_ptr<LogWriter> writer);
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
